@@ -1,0 +1,120 @@
+// A packet stream on one connected socket, plain or through SSL/TLS, with the
+// typed value interface used for the arguments and results of server calls.
+#ifndef ZEL_RPC2STREAM_H
+#define ZEL_RPC2STREAM_H
+
+#include "rpc2packet.h"
+#include "rpc2proto.h"
+
+#include <string>
+
+typedef struct ssl_st SSL;
+typedef struct ssl_ctx_st SSL_CTX;
+
+namespace ZEL {
+
+class RPCServer;
+
+class RPC2Stream {
+public:
+    enum error_flags {
+        ef_socket = 0x8000,
+        ef_proto = 0x0800,
+        ef_session = 0x0400,
+        ef_sdata = 0x0080,
+        ef_inteof = 0x0040,
+        ef_eof = 0x0020,
+        ef_access = 0x0010,
+        ef_timedout = 0x0008,
+        ef_pack = 0x0004,
+        ef_recv = 0x0002,
+        ef_critical = 0xF000,
+        ef_error = 0x0F00,
+        ef_warning = 0x00F0,
+        ef_bad = 0xFF00,
+        ef_fail = 0xFFF0,
+    };
+
+    explicit RPC2Stream(RPCServer* server = nullptr);
+    RPC2Stream(int sock, RPCServer* server);
+    ~RPC2Stream();
+    RPC2Stream(const RPC2Stream&) = delete;
+    RPC2Stream& operator=(const RPC2Stream&) = delete;
+
+    int sock(int s);
+    int sock() const { return sc; }
+    RPC2Packet& packet() { return rp_in; }
+    void clear();
+    RPC2Stream& operator<<(const RPC2Packet& p);
+
+    // Raw transfer on the current channel.
+    int send(const char* data, int len);
+    int recv(char* data, int len);
+    int poll();
+
+    // Whole packets into rp_in.
+    int listen();
+    int recv_packet();
+
+    // Typed output: data_put<int>, data_put<long>.
+    int begin_output() { return 0; }
+    template <typename T> int data_put(T value);
+    int end_output();
+
+    // Typed input: data_get<int|long|unsigned int|long long|double>.
+    template <typename T> int data_get(T& value);
+    int data_get_new(char*& data, int& len);
+    int end_input();
+
+    // Secure channel.
+    int ssl_connect(int type);
+    int __ssl_init(int type);
+    int __ssl_connect();
+    int ssl_shutdown();
+    int __ssl_shutdown();
+    // Server side: wraps the socket in a connection of the given context and
+    // runs the server half of the handshake. 0, 22 without a context, 13 when
+    // the handshake fails.
+    int __ssl_accept(SSL_CTX* ctx, int type);
+
+    // Error state. Flags only grow.
+    int bad() const { return flags & ef_bad; }
+    int fail() const { return flags & ef_fail; }
+    int good() const { return flags == 0; }
+    int eof() const { return flags & ef_eof; }
+    int access() const { return flags & ef_access; }
+    int error() const { return errcode; }
+    int error_flags_word() const { return flags; }
+    int channel() const { return conn_type; }
+
+    // Server-side bookkeeping.
+    int uid() const { return _uid; }
+    void uid(int u) { _uid = u; }
+    int user_ip() const { return _uip; }
+    void user_ip(int ip) { _uip = ip; }
+    std::string user_ip_str() const;
+
+private:
+    int refill();
+    int get32(ui32& raw);
+    int get64(ui64& raw);
+
+    ui32 _in_index;
+    int _prepacket_out;
+    int _prepacket_in;
+    int _uid;
+    int _uip;
+    int conn_type;
+    SSL* ssl_sock;
+    sock_t sc;
+    char* buf;
+    RPC2Packet rp_in;
+    RPC2Packet rp_out;
+    RPCServer* _server;
+    int flags;
+    int errcode;
+};
+
+} // namespace ZEL
+
+#endif

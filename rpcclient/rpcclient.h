@@ -1,0 +1,89 @@
+// The client end of a session with the billing server: TCP connect, the
+// challenge-response login, the optional switch to SSL/TLS, numbered calls
+// and the end of the session.
+#ifndef ZEL_RPCCLIENT_H
+#define ZEL_RPCCLIENT_H
+
+#include "rpc2proto.h"
+#include "rpc2stream.h"
+
+#include <netinet/in.h>
+#include <string>
+
+namespace ZEL {
+
+class RPC2Packet;
+
+// Resolves host into out (IPv4). 0; 2 without a host; 12 without a work
+// buffer; otherwise the resolver's host-error number.
+int fill_sin(const char* host, short port, sockaddr_in* out);
+
+class RPCClient {
+public:
+    RPCClient();
+    RPCClient(const char* host, int port);
+    RPCClient(const RPCClient& other);
+    RPCClient& operator=(const RPCClient&) = delete;
+    ~RPCClient();
+
+    int addr(const char* host, short port);
+
+    void set_auth(const char* user, const char* password);
+    int user_type() const { return _service; }
+    void user_type(int t) { _service = t; }
+    void plain_user() { _service = rut_user; }
+    void service() { _service = rut_service; }
+    void card_user() { _service = rut_card_user; }
+    int ssl_type() const { return _ssl_type; }
+    void ssl_none() { _ssl_type = rsr_ssl_none; }
+    void ssl_tls1() { _ssl_type = rsr_ssl_tls1; }
+    void ssl_ssl3() { _ssl_type = rsr_ssl_ssl3; }
+
+    int connected() const { return _connected; }
+    int key(const char* bytes);
+    int key(RPC2::key128_t k);
+    const RPC2::key128_t& get_skey() const { return _sk; }
+    int set_skey(const RPC2::key128_t& k) { return key(k); }
+
+    static int _key_scan(unsigned char* out, const char* text);
+    static int _key_print(const unsigned char* key, char* out);
+    static int key_scan(unsigned char* out, const char* text) { return _key_scan(out, text); }
+    static int key_print(const unsigned char* key, char* out) { return _key_print(key, out); }
+
+    int connect();
+    int disconnect();
+    int open_session(unsigned long client_ip);
+    int restore_session(const char* key, unsigned long client_ip);
+    int close_session();
+    int drop_session();
+
+    int _call(int function);
+    int call(int function) { return _call(function); }
+    int end_call();
+
+    RPC2Stream& rpcstream() { return _rst; }
+    int begin_output() { return _rst.begin_output(); }
+    int end_output() { return _rst.end_output(); }
+    RPC2Packet& packet() { return _rst.packet(); }
+    RPCClient& send(const RPC2Packet& p);
+
+    const sockaddr_in& server_address() const { return _serv; }
+
+private:
+    int login_answer();
+    int end_session(int termination);
+
+    RPC2::key128_t _sk;
+    RPC2Stream _rst;
+    sockaddr_in _serv;
+    sock_t _sock;
+    int _connected;
+    std::string _user;
+    std::string _pass;
+    int _service;
+    int _ssl_type;
+};
+
+} // namespace ZEL
+
+#endif

@@ -1,0 +1,92 @@
+// The tray icon: four status pictures, blinking on new messages, the
+// balance tooltip, and the context menu with its "Traffic" summary.
+#ifndef ZEL5_ZEL5ICON_H
+#define ZEL5_ZEL5ICON_H
+
+#include "miniclient.h"
+
+#include <QMap>
+#include <QPixmap>
+#include <QSystemTrayIcon>
+
+class QAction;
+class QMenu;
+class QTimerEvent;
+
+class ZEL5Icon : public QSystemTrayIcon {
+    Q_OBJECT
+public:
+    enum PixmapType {
+        InternetOnPixmap = 0,
+        InternetOffPixmap = 1,
+        OfflinePixmap = 2,
+        MessagePixmap = 3,
+    };
+    // Fixed ids of the context menu's items.
+    enum MenuId {
+        idSwitchInternet = 1,
+        idTraffic = 2,
+        idWeb = 3,
+        idMessages = 4,
+        idConfigure = 5,
+        idAbout = 6,
+    };
+
+    ZEL5Icon();
+    ~ZEL5Icon() override;
+
+    void init();
+    void buildPixmaps();
+    void buildMenu();
+    void drawRoundRect(const QColor& color, QPixmap& pixmap);
+
+    void setOnlineStatus(bool on);
+    void setInternetStatus(bool on);
+    void setMessagesStatus(bool b);
+    void setPixmap(PixmapType type, bool remember);
+    void setNotify(bool b);
+    void setTooltip(const QString& text);
+
+    // Called before the context menu shows: lets the controller refresh the
+    // report, then rebuilds the "Traffic" submenu.
+    void contextMenuAboutToShow(QMenu* menu);
+
+    // State, read by the controller and the tests.
+    int currentPixmap = OfflinePixmap;
+    bool blinkPhase = false;
+    bool hasMessages = false;
+    bool internetOn = false;
+    bool online = false;
+    bool notify = false;
+    QPixmap pixmaps[4];
+    const MiniClient::ServiceList* reports = nullptr;
+    double sizeDivisor = 1.0;
+    QMenu* trafficMenu = nullptr;
+
+    QAction* menuItem(int id) const { return items.value(id, nullptr); }
+    QMenu* menu() const { return contextMenu; }
+    // The picture shown at the moment (a blink frame included).
+    int shownPixmap() const { return shown; }
+
+signals:
+    void switchInternetSelected();
+    void ZELAtWebSelected();
+    void viewMessagesSelected();
+    void configureAppSelected();
+    void viewAboutSelected();
+    void iconSelected();
+    void menuAboutToShow();
+
+protected:
+    void timerEvent(QTimerEvent* e) override;
+
+private:
+    void retranslate();
+    void onActivated(QSystemTrayIcon::ActivationReason reason);
+
+    QMenu* contextMenu = nullptr;
+    QMap<int, QAction*> items;
+    int shown = OfflinePixmap;
+};
+
+#endif
