@@ -47,7 +47,8 @@ public:
     void clear();
     RPC2Stream& operator<<(const RPC2Packet& p);
 
-    // Raw transfer on the current channel.
+    // Raw transfer on the current channel. recv returns the count asked for,
+    // or a short or negative count on failure (-22 for a failed SSL read).
     int send(const char* data, int len);
     int recv(char* data, int len);
     int poll();
@@ -61,7 +62,10 @@ public:
     template <typename T> int data_put(T value);
     int end_output();
 
-    // Typed input: data_get<int|long|unsigned int|long long|double>.
+    // Typed input: data_get<int|long|unsigned int|long long|double>. 32-bit
+    // values must be exactly 4 bytes; 64-bit ones at most 8, a shorter one
+    // reading its missing low-order bytes as zero. data_get_new hands out a
+    // new[] array the caller frees with delete[].
     template <typename T> int data_get(T& value);
     int data_get_new(char*& data, int& len);
     int end_input();
@@ -114,6 +118,15 @@ private:
     int flags;
     int errcode;
 };
+
+// The typed values the wire knows; other types do not link.
+template <> int RPC2Stream::data_get<int>(int& value);
+template <> int RPC2Stream::data_get<long>(long& value);
+template <> int RPC2Stream::data_get<unsigned int>(unsigned int& value);
+template <> int RPC2Stream::data_get<long long>(long long& value);
+template <> int RPC2Stream::data_get<double>(double& value);
+extern template int RPC2Stream::data_put<int>(int value);
+extern template int RPC2Stream::data_put<long>(long value);
 
 } // namespace ZEL
 

@@ -1,0 +1,337 @@
+#include "rpc2stream.h"
+#include "rpcctx.h"
+
+#include <arpa/inet.h>
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <new>
+#include <openssl/err.h>
+#include <openssl/ssl.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+namespace ZEL {
+
+namespace {
+constexpr int poll_timeout_ms = 50;
+}
+
+RPC2Stream::RPC2Stream(RPCServer* server) : RPC2Stream(0, server) {}
+
+RPC2Stream::RPC2Stream(int sock, RPCServer* server)
+    : _in_index(0), _prepacket_out(0), _prepacket_in(0), _uid(0), _uip(0), conn_type(0),
+      ssl_sock(nullptr), sc(sock), buf(new char[rpc2_max_packet]), _server(server), flags(0),
+      errcode(0)
+{
+}
+
+RPC2Stream::~RPC2Stream()
+{
+    delete[] buf;
+    if (ssl_sock)
+        SSL_free(ssl_sock);
+    // Descriptor 0 is the "no socket" value of the session; never close it,
+    // or a later descriptor 0 of somebody else's would be closed.
+    if (sc > 0)
+        ::close(sc);
+}
+
+int RPC2Stream::sock(int s)
+{
+    sc = s;
+    return 0;
+}
+
+void RPC2Stream::clear()
+{
+    rp_in.clear();
+    rp_out.clear();
+    _prepacket_out = 0;
+    _prepacket_in = 0;
+}
+
+RPC2Stream& RPC2Stream::operator<<(const RPC2Packet& p)
+{
+    // A packet too large for the buffer is not sent at all; the peer's
+    // silence shows at the next receive.
+    if (p.packet_size() > rpc2_max_packet)
+        return *this;
+    const int n = p.dump(buf, rpc2_max_packet);
+    if (n > 0)
+        send(buf, n);
+    return *this;
+}
+
+// ---- raw transfer ---------------------------------------------------------
+
+int RPC2Stream::send(const char* data, int len)
+{
+    if (!ssl_sock)
+        return static_cast<int>(::send(sc, data, static_cast<size_t>(len), MSG_NOSIGNAL));
+    for (;;) {
+        ERR_clear_error();
+        const int r = SSL_write(ssl_sock, data, len);
+        if (r >= 1)
+            return r;
+        if (SSL_get_error(ssl_sock, r) != SSL_ERROR_WANT_WRITE)
+            return -ec_inval;
+    }
+}
+
+int RPC2Stream::recv(char* data, int len)
+{
+    if (!ssl_sock)
+        return static_cast<int>(::recv(sc, data, static_cast<size_t>(len), MSG_WAITALL | MSG_NOSIGNAL));
+    ERR_clear_error();
+    int off = 0;
+    while (off < len) {
+        const int r = SSL_read(ssl_sock, data + off, len - off);
+        if (r >= 1) {
+            off += r;
+            continue;
+        }
+        const int e = SSL_get_error(ssl_sock, r);
+        if (e == SSL_ERROR_NONE)
+            continue;
+        if (e == SSL_ERROR_WANT_READ) {
+            // Start the whole receive over; automatic retry makes this rare.
+            off = 0;
+            continue;
+        }
+        // Negative, so that a failure never reads as a count of bytes.
+        return -ec_inval;
+    }
+    return len;
+}
+
+int RPC2Stream::poll()
+{
+    if (ssl_sock && SSL_pending(ssl_sock) > 0)
+        return 0;
+    errno = 0;
+    pollfd p{sc, POLLIN | POLLERR | POLLHUP, 0};
+    const int r = ::poll(&p, 1, poll_timeout_ms);
+    if (r == 0)
+        return ec_timedout;
+    if (r < 0)
+        return errno == EINTR ? static_cast<int>(ec_timedout) : r;
+    if (p.revents & POLLIN)
+        return 0;
+    if (p.revents & (POLLERR | POLLHUP | POLLNVAL))
+        return -ec_inval;
+    return 0;
+}
+
+// ---- whole packets --------------------------------------------------------
+
+int RPC2Stream::recv_packet()
+{
+    if (sc <= 0) {
+        flags |= ef_socket;
+        errcode = ec_inval;
+        return ec_inval;
+    }
+    const int pr = poll();
+    if (pr == ec_timedout)
+        return ec_timedout;
+    if (pr < 0) {
+        flags |= ef_socket;
+        errcode = ec_inval;
+        return ec_inval;
+    }
+    if (recv(buf, 4) != 4) {
+        ERR_print_errors_fp(stderr);
+        flags |= ef_session;
+        errcode = ec_inval;
+        return ec_inval;
+    }
+    rp_in.parse_header(buf, 4);
+    const int size = rp_in.size();
+    // Size 0 (fragmented) and sizes below the header's own cannot be read
+    // into the buffer as one packet.
+    if (size < 4) {
+        flags |= ef_session;
+        errcode = ec_inval;
+        return ec_inval;
+    }
+    if (size > 4 && recv(buf + 4, size - 4) != size - 4) {
+        ERR_print_errors_fp(stderr);
+        flags |= ef_session;
+        errcode = ec_inval;
+        return ec_inval;
+    }
+    if (rp_in.parse(buf, size) != size) {
+        flags |= ef_session;
+        errcode = ec_badmsg;
+        return ec_inval;
+    }
+    return ec_ok;
+}
+
+int RPC2Stream::listen()
+{
+    while (recv_packet() == ec_timedout) {
+    }
+    return 0;
+}
+
+// ---- typed output ---------------------------------------------------------
+
+template <typename T> int RPC2Stream::data_put(T value)
+{
+    if (_prepacket_out == 0) {
+        rp_out.clear();
+        rp_out.code(rc_session_data);
+        _prepacket_out = 1;
+    }
+    const ui32 be = htonl(static_cast<ui32>(static_cast<std::int32_t>(value)));
+    int raw;
+    std::memcpy(&raw, &be, 4);
+    return rp_out.put(ra_data, raw);
+}
+
+template int RPC2Stream::data_put<int>(int);
+template int RPC2Stream::data_put<long>(long);
+
+int RPC2Stream::end_output()
+{
+    if (_prepacket_out == 1) {
+        _prepacket_out = 0;
+        *this << rp_out;
+        rp_out.clear();
+    }
+    return 0;
+}
+
+// ---- typed input ----------------------------------------------------------
+
+int RPC2Stream::refill()
+{
+    if (rp_in.find(ra_data))
+        return ec_ok;
+    rp_in.clear();
+    _prepacket_in = 0;
+    int r;
+    while ((r = recv_packet()) == ec_timedout) {
+    }
+    if (r != ec_ok)
+        return r;
+    if (rp_in.code() != rc_session_data)
+        return ec_badmsg;
+    return ec_ok;
+}
+
+int RPC2Stream::get32(ui32& raw)
+{
+    const int r = refill();
+    if (r != ec_ok)
+        return r;
+    int v;
+    const int g = rp_in.get_data(v);
+    if (g != ec_ok)
+        return g;
+    raw = ntohl(static_cast<ui32>(v));
+    return ec_ok;
+}
+
+int RPC2Stream::get64(ui64& raw)
+{
+    const int r = refill();
+    if (r != ec_ok)
+        return r;
+    // A payload shorter than 8 bytes is accepted; the missing low-order
+    // bytes read as zero.
+    unsigned char b[8] = {0, 0, 0, 0, 0, 0, 0, 0};
+    int len = 8;
+    const int g = rp_in.get_data(reinterpret_cast<char*>(b), len);
+    if (g != ec_ok)
+        return g;
+    raw = 0;
+    for (int i = 0; i < 8; ++i)
+        raw = (raw << 8) | b[i];
+    return ec_ok;
+}
+
+template <> int RPC2Stream::data_get<int>(int& value)
+{
+    ui32 v;
+    const int r = get32(v);
+    if (r == ec_ok)
+        value = static_cast<std::int32_t>(v);
+    return r;
+}
+
+template <> int RPC2Stream::data_get<long>(long& value)
+{
+    ui32 v;
+    const int r = get32(v);
+    if (r == ec_ok)
+        value = static_cast<std::int32_t>(v);
+    return r;
+}
+
+template <> int RPC2Stream::data_get<unsigned int>(unsigned int& value)
+{
+    ui32 v;
+    const int r = get32(v);
+    if (r == ec_ok)
+        value = v;
+    return r;
+}
+
+template <> int RPC2Stream::data_get<long long>(long long& value)
+{
+    ui64 v;
+    const int r = get64(v);
+    if (r == ec_ok)
+        value = static_cast<long long>(v);
+    return r;
+}
+
+template <> int RPC2Stream::data_get<double>(double& value)
+{
+    ui64 v;
+    const int r = get64(v);
+    if (r == ec_ok)
+        std::memcpy(&value, &v, sizeof value);
+    return r;
+}
+
+int RPC2Stream::data_get_new(char*& data, int& len)
+{
+    const int r = refill();
+    if (r != ec_ok)
+        return r;
+    if (!rp_in.find(ra_data))
+        return ec_noent;
+    int n = 0;
+    rp_in.get_data(nullptr, n); // sizes the value without consuming it
+    char* p = new (std::nothrow) char[n > 0 ? n : 1];
+    if (!p)
+        return ec_nomem;
+    int got = n;
+    rp_in.get_data(p, got);
+    data = p;
+    len = n;
+    return ec_ok;
+}
+
+int RPC2Stream::end_input()
+{
+    rp_in.clear();
+    _prepacket_in = 0;
+    return 0;
+}
+
+std::string RPC2Stream::user_ip_str() const
+{
+    in_addr a;
+    a.s_addr = htonl(static_cast<ui32>(_uip));
+    char text[INET_ADDRSTRLEN] = "";
+    inet_ntop(AF_INET, &a, text, sizeof text);
+    return text;
+}
+
+} // namespace ZEL

@@ -1,0 +1,81 @@
+// The stream's secure channel: after a login that granted protection, the
+// same socket carries an SSL/TLS connection.
+#include "rpc2stream.h"
+#include "rpcctx.h"
+
+#include <openssl/err.h>
+#include <openssl/ssl.h>
+
+namespace ZEL {
+
+int RPC2Stream::ssl_connect(int type)
+{
+    if (__ssl_init(type) != 0)
+        return ec_inval;
+    return __ssl_connect();
+}
+
+int RPC2Stream::__ssl_init(int type)
+{
+    if (type != rsr_ssl_tls1 && type != rsr_ssl_ssl3)
+        return ec_inval;
+    RPCCtx ready(0);
+    SSL_CTX* ctx = type == rsr_ssl_tls1 ? RPCCtx::tls1() : RPCCtx::ssl3();
+    if (!ctx)
+        return ec_inval;
+    if (ssl_sock)
+        SSL_free(ssl_sock);
+    ssl_sock = SSL_new(ctx);
+    if (!ssl_sock)
+        return ec_inval;
+    conn_type = type;
+    SSL_set_mode(ssl_sock, SSL_MODE_AUTO_RETRY);
+    SSL_set_fd(ssl_sock, sc);
+    return 0;
+}
+
+int RPC2Stream::__ssl_connect()
+{
+    ERR_clear_error();
+    const int r = SSL_connect(ssl_sock);
+    if (SSL_get_error(ssl_sock, r) != SSL_ERROR_NONE)
+        return ec_access;
+    return 0;
+}
+
+int RPC2Stream::__ssl_accept(SSL_CTX* ctx, int type)
+{
+    if (!ctx)
+        return ec_inval;
+    if (ssl_sock)
+        SSL_free(ssl_sock);
+    ssl_sock = SSL_new(ctx);
+    if (!ssl_sock)
+        return ec_inval;
+    conn_type = type;
+    SSL_set_mode(ssl_sock, SSL_MODE_AUTO_RETRY);
+    SSL_set_fd(ssl_sock, sc);
+    ERR_clear_error();
+    const int r = SSL_accept(ssl_sock);
+    if (SSL_get_error(ssl_sock, r) != SSL_ERROR_NONE)
+        return ec_access;
+    return 0;
+}
+
+int RPC2Stream::ssl_shutdown()
+{
+    return __ssl_shutdown();
+}
+
+int RPC2Stream::__ssl_shutdown()
+{
+    if (!ssl_sock)
+        return -1;
+    SSL_set_quiet_shutdown(ssl_sock, 1);
+    int r = SSL_shutdown(ssl_sock);
+    if (r == 0)
+        r = SSL_shutdown(ssl_sock);
+    return r;
+}
+
+} // namespace ZEL
