@@ -98,19 +98,22 @@ bool Config<TString>::_load()
         return false;
     std::string scrambled = stored.toUtf8().toStdString();
     password = QString::fromUtf8(decrypt(scrambled));
-    port = intValue(file, "port", -1);
-    if (port < 0)
+    // An invalid number fails the load without replacing the value in
+    // force, so that a cancelled settings dialog still leaves a usable one.
+    const int storedPort = intValue(file, "port", -1);
+    if (storedPort < 0)
         return false;
+    port = storedPort;
     webServerAddress = textValue(file, "web_server_address");
     if (webServerAddress.isEmpty())
         webServerAddress = address;
     file.endGroup();
 
     file.beginGroup(QLatin1String(groupOther));
-    refreshRate = intValue(file, "refresh_rate", -1);
-    if (refreshRate == -1)
+    const int storedRate = intValue(file, "refresh_rate", -1);
+    if (storedRate == -1)
         return false;
-    refreshRate = qBound(120, refreshRate, 1000);
+    refreshRate = qBound(120, storedRate, 1000);
     for (auto [key, member] : {std::pair{"switch_internet_on_start", &switchInternetOnStart},
                                std::pair{"switch_internet_on_exit", &switchInternetOnExit},
                                std::pair{"start_on_login", &startOnLogin}}) {

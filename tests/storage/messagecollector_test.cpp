@@ -2,22 +2,14 @@
 #include "messagecollector.h"
 #include "scratchhome.h"
 
-#include <QDir>
-#include <QFile>
-
 #include <csignal>
 #include <sstream>
-#include <string>
 #include <sys/resource.h>
-#include <sys/stat.h>
-#include <unistd.h>
 
 namespace {
 
-// Points the store at a file of the test's choosing.
-class FixedFinder : public FileFinder {
-public:
-    explicit FixedFinder(std::string path) : path(std::move(path)) {}
+struct FixedFinder : FileFinder {
+    explicit FixedFinder(const QString& p) : path(QFile::encodeName(p).toStdString()) {}
     std::string findFile(fileType) override { return path; }
     std::string path;
 };
@@ -25,265 +17,136 @@ public:
 QByteArray field(const QByteArray& s)
 {
     const quint32 n = quint32(s.size());
-    QByteArray prefix(4, '\0');
-    for (int i = 0; i < 4; ++i)
-        prefix[i] = char(n >> (8 * i) & 0xFF);
-    return prefix + s;
+    const char prefix[4] = {char(n), char(n >> 8), char(n >> 16), char(n >> 24)};
+    return QByteArray(prefix, 4) + s;
 }
 
 // One record as the file keeps it: subject, text, date.
-QByteArray record(const QByteArray& subject, const QByteArray& text, const QByteArray& date)
+QByteArray record(const QByteArray& s)
 {
-    return field(subject) + field(text) + field(date);
-}
-
-std::string current(MessageCollector& store)
-{
-    std::string subject, text, date;
-    if (!store.currentMessage(subject, text, date))
-        return "(empty)";
-    return subject;
+    return field(s) + field("<p>" + s + "</p>") + field("01.02.2007 10:00:00");
 }
 
 void add(MessageCollector& store, std::string subject)
 {
-    std::string text = "<p>" + subject + "</p>";
-    std::string date = "01.02.2007 10:00:00";
+    std::string text = "<p>" + subject + "</p>", date = "01.02.2007 10:00:00";
     store.insertMessage(subject, text, date);
+}
+
+std::string shown(MessageCollector& store)
+{
+    std::string subject, text, date;
+    return store.currentMessage(subject, text, date) ? subject : "-";
 }
 
 class MessageCollectorTest : public ScratchHome {
 protected:
-    std::string path() const { return dir.filePath("messages").toStdString(); }
-    QString qpath() const { return dir.filePath("messages"); }
-    void writeFile(const QByteArray& data) { writeAll(qpath(), data); }
+    QString file() const { return dir.filePath("messages"); }
+    FixedFinder finder{dir.filePath("messages")};
 };
 
 } // namespace
 
-TEST_F(MessageCollectorTest, StringsAreLengthPrefixedLittleEndianAndCutAtAZeroByte)
+TEST_F(MessageCollectorTest, RecordsAreLengthPrefixedLittleEndianInSubjectTextDateOrder)
 {
     std::ostringstream out;
     ASSERT_TRUE(MessageCollector::writeString(out, "abc"));
     EXPECT_EQ(out.str(), std::string("\x03\x00\x00\x00" "abc", 7));
-
-    std::string all(300, 'x');
-    for (int i = 1; i < 256; ++i)
-        all[size_t(i)] = char(i);
-    all[0] = '\xff';
-    std::ostringstream big;
-    ASSERT_TRUE(MessageCollector::writeString(big, all));
-    EXPECT_EQ(big.str().substr(0, 4), std::string("\x2c\x01\x00\x00", 4));
-    std::istringstream back(big.str());
+    std::istringstream withZero(std::string("\x05\x00\x00\x00" "ab\0cd", 9));
     std::string s;
-    ASSERT_TRUE(MessageCollector::readString(back, s));
-    EXPECT_EQ(s, all);
-
-    std::istringstream withZero(std::string("\x05\x00\x00\x00" "ab\0cd" "\x00\x00\x00\x00", 13));
     ASSERT_TRUE(MessageCollector::readString(withZero, s));
-    EXPECT_EQ(s, "ab");
-    ASSERT_TRUE(MessageCollector::readString(withZero, s)); // the stream went on after the cut string
-    EXPECT_EQ(s, "");
-    EXPECT_FALSE(MessageCollector::readString(withZero, s));
-}
+    EXPECT_EQ(s, "ab"); // cut at the zero byte
 
-TEST_F(MessageCollectorTest, SavesRecordsInFileOrderAndLoadsThemBack)
-{
     {
-        FixedFinder finder(path());
         MessageCollector store(&finder);
-        EXPECT_TRUE(store.empty());
-        std::string subject = "Тема", text = "<b>body</b>", date = "05.03.2007 14:07:09";
-        store.insertMessage(subject, text, date);
-        add(store, "second");
-        add(store, "second"); // no duplicate detection
-        EXPECT_EQ(store.count(), 3u);
-        EXPECT_EQ(store.currentIndex(), 2u);
+        add(store, "Тема");
+        add(store, std::string(300, 'x'));
+        add(store, "Тема"); // no duplicate detection
     } // destruction saves
-
-    const QByteArray file = readAll(qpath());
-    EXPECT_TRUE(file.startsWith(record("Тема", "<b>body</b>", "05.03.2007 14:07:09")));
-    EXPECT_EQ(file.size(), record("Тема", "<b>body</b>", "05.03.2007 14:07:09").size()
-                               + 2 * record("second", "<p>second</p>", "01.02.2007 10:00:00").size());
-
-    FixedFinder finder(path());
+    EXPECT_EQ(read(file()), record("Тема") + record(QByteArray(300, 'x')) + record("Тема"));
     MessageCollector store(&finder);
-    ASSERT_EQ(store.count(), 3u);
+    EXPECT_EQ(store.count(), 3u);
     EXPECT_EQ(store.currentIndex(), 2u);
-    store.prevMessage();
-    store.prevMessage();
-    std::string subject, text, date;
-    ASSERT_TRUE(store.currentMessage(subject, text, date));
-    EXPECT_EQ(subject, "Тема");
-    EXPECT_EQ(text, "<b>body</b>");
-    EXPECT_EQ(date, "05.03.2007 14:07:09");
 }
 
 TEST_F(MessageCollectorTest, DamagedTailsLoseOnlyTheDamagedRecord)
 {
-    const QByteArray one = record("s1", "t1", "d1");
-    const QByteArray two = record("s2", "t2", "d2");
-    struct Case {
-        const char* what;
-        QByteArray data;
-        size_t kept;
-    };
-    const Case cases[] = {
-        {"three stray bytes", one + two + "xyz", 2},
-        {"a huge length prefix", one + QByteArray("\xff\xff\xff\xff", 4) + "rest", 1},
-        {"a length beyond the end", one + field("s2") + QByteArray("\x10\x00\x00\x00", 4) + "short", 1},
-        {"a record without its date", one + field("s2") + field("t2"), 1},
-        {"only a length prefix", QByteArray("\x01\x00\x00\x00", 4), 0},
-    };
-    for (const Case& c : cases) {
-        SCOPED_TRACE(c.what);
-        writeFile(c.data);
-        FixedFinder finder(path());
+    const QByteArray two = record("s1") + record("s2");
+    const std::pair<QByteArray, int> files[] = {
+        {two + "xyz", 2}, {record("s1") + "\xff\xff\xff\xff" "rest", 1},
+        {record("s1") + field("s2") + "\x10\x00\x00\x00" "short", 1}, {QByteArray("\x01\x00\x00", 3), 0}};
+    for (const auto& [data, kept] : files) {
+        write(file(), data);
         MessageCollector store(&finder);
-        EXPECT_EQ(store.count(), c.kept);
+        EXPECT_EQ(store.count(), std::size_t(kept));
         EXPECT_FALSE(store.synchronize(false));
         ASSERT_TRUE(store.synchronize(true));
-        EXPECT_EQ(readAll(qpath()), (one + two).left(int(c.kept) * one.size()));
-        EXPECT_TRUE(store.synchronize(false)); // the rewritten file is whole
+        EXPECT_EQ(read(file()), two.left(kept * record("s1").size()));
     }
 }
 
-TEST_F(MessageCollectorTest, CursorStopsAtBothEnds)
+TEST_F(MessageCollectorTest, CursorStopsAtBothEndsAndDeletingShowsTheNeighbour)
 {
-    FixedFinder finder(path());
     MessageCollector store(&finder);
-    EXPECT_TRUE(store.empty());
-    EXPECT_EQ(current(store), "(empty)");
-    store.nextMessage(); // harmless on an empty store
-    store.prevMessage();
-    store.deleteMessage();
-    EXPECT_EQ(store.currentIndex(), 0u);
-
-    add(store, "a");
-    add(store, "b");
-    add(store, "c");
-    EXPECT_EQ(current(store), "c");
-    store.nextMessage();
-    EXPECT_EQ(current(store), "c");
-    store.prevMessage();
-    store.prevMessage();
-    EXPECT_EQ(current(store), "a");
-    store.prevMessage();
-    EXPECT_EQ(current(store), "a");
-    store.nextMessage();
-    EXPECT_EQ(current(store), "b");
-    add(store, "d"); // a new message is shown at once
-    EXPECT_EQ(current(store), "d");
-}
-
-TEST_F(MessageCollectorTest, DeletingShowsTheSuccessorOrTheNewLast)
-{
-    struct Case {
-        int prevSteps; // from the last of a, b, c
-        const char* shownAfter;
-        const char* left;
-    };
-    const Case cases[] = {{0, "b", "ab"}, {1, "c", "ac"}, {2, "b", "bc"}};
-    for (const Case& c : cases) {
-        SCOPED_TRACE(c.prevSteps);
-        FixedFinder finder(path());
-        MessageCollector store(&finder);
-        while (!store.empty())
-            store.deleteMessage();
-        add(store, "a");
-        add(store, "b");
-        add(store, "c");
-        for (int i = 0; i < c.prevSteps; ++i)
-            store.prevMessage();
-        store.deleteMessage();
-        EXPECT_EQ(current(store), c.shownAfter);
-        std::string left;
-        for (store.prevMessage(), store.prevMessage(); ; store.nextMessage()) {
-            left += current(store);
-            if (store.currentIndex() + 1 == store.count())
-                break;
-        }
-        EXPECT_EQ(left, c.left);
-    }
-
-    FixedFinder finder(path());
-    MessageCollector store(&finder);
-    while (store.count() > 1)
-        store.deleteMessage();
+    store.nextMessage(), store.prevMessage(), store.deleteMessage(); // harmless when empty
+    EXPECT_EQ(shown(store), "-");
+    for (const char* s : {"a", "b", "c", "d"})
+        add(store, s);
+    std::string walk;
+    for (auto step : {&MessageCollector::nextMessage, &MessageCollector::prevMessage, &MessageCollector::prevMessage,
+                      &MessageCollector::prevMessage, &MessageCollector::prevMessage, &MessageCollector::nextMessage})
+        (store.*step)(), walk += shown(store);
+    EXPECT_EQ(walk, "dcbaab");
+    store.deleteMessage(); // the middle: its successor
+    EXPECT_EQ(shown(store), "c");
+    store.nextMessage(), store.deleteMessage(); // the last: the new last
+    EXPECT_EQ(shown(store), "c");
+    store.prevMessage(), store.deleteMessage(); // the first: its successor
+    EXPECT_EQ(shown(store), "c");
     store.deleteMessage();
     EXPECT_TRUE(store.empty());
-    EXPECT_EQ(current(store), "(empty)");
+    EXPECT_EQ(shown(store), "-");
 }
 
 TEST_F(MessageCollectorTest, AFailedSaveLeavesTheOldFileWhole)
 {
-    const QByteArray old = record("old", "kept", "d");
-    writeFile(old);
-    FixedFinder finder(path());
+    write(file(), record("old"));
     MessageCollector store(&finder);
     add(store, std::string(64 * 1024, 'n'));
 
-    // A full disk: the file size limit stops the temporary copy half-way.
-    {
-        struct sigaction ignore {}, previous {};
-        ignore.sa_handler = SIG_IGN;
-        sigaction(SIGXFSZ, &ignore, &previous);
-        rlimit saved {};
-        getrlimit(RLIMIT_FSIZE, &saved);
-        rlimit tight = saved;
-        tight.rlim_cur = 1024;
-        ASSERT_EQ(setrlimit(RLIMIT_FSIZE, &tight), 0);
-        const bool saved_ok = store.synchronize(true);
-        setrlimit(RLIMIT_FSIZE, &saved);
-        sigaction(SIGXFSZ, &previous, nullptr);
-        EXPECT_FALSE(saved_ok);
-        EXPECT_EQ(readAll(qpath()), old);
-        EXPECT_EQ(QDir(dir.path()).entryList(QDir::Files), QStringList{"messages"}); // no temporary left
-    }
+    // A full disk: the file size limit stops the new copy half-way.
+    struct sigaction ignore {}, previous {};
+    ignore.sa_handler = SIG_IGN;
+    sigaction(SIGXFSZ, &ignore, &previous);
+    rlimit saved {};
+    getrlimit(RLIMIT_FSIZE, &saved);
+    rlimit tight = saved;
+    tight.rlim_cur = 1024;
+    ASSERT_EQ(setrlimit(RLIMIT_FSIZE, &tight), 0);
+    const bool written = store.synchronize(true);
+    setrlimit(RLIMIT_FSIZE, &saved);
+    sigaction(SIGXFSZ, &previous, nullptr);
+    EXPECT_FALSE(written);
+    EXPECT_EQ(read(file()), record("old"));
+    EXPECT_EQ(QDir(dir.path()).entryList(QDir::Files), QStringList{"messages"}); // no copy left behind
 
-    // A directory where nothing may be created (permissions do not bind root).
-    if (::geteuid() != 0) {
-        ASSERT_EQ(::chmod(QFile::encodeName(dir.path()).constData(), 0500), 0);
-        const bool saved_ok = store.synchronize(true);
+    if (::geteuid() != 0) { // permissions do not bind root
+        ::chmod(QFile::encodeName(dir.path()).constData(), 0500);
+        EXPECT_FALSE(store.synchronize(true));
         ::chmod(QFile::encodeName(dir.path()).constData(), 0700);
-        EXPECT_FALSE(saved_ok);
-        EXPECT_EQ(readAll(qpath()), old);
+        EXPECT_EQ(read(file()), record("old"));
     }
-
-    EXPECT_EQ(store.count(), 2u); // the list in memory is unaffected
     ASSERT_TRUE(store.synchronize(true));
-    MessageCollector reread(&finder);
-    EXPECT_EQ(reread.count(), 2u);
+    EXPECT_EQ(MessageCollector(&finder).count(), 2u);
 }
 
-TEST_F(MessageCollectorTest, AStoreWithoutAUsableFileStillWorksInMemory)
+TEST_F(MessageCollectorTest, TheFileFinderCreatesAnEmptyPrivateStoreOnFirstUse)
 {
-    writeAll(dir.filePath("taken"), "a file, not a directory");
-    FixedFinder finder(dir.filePath("taken/messages").toStdString());
-    MessageCollector store(&finder);
-    EXPECT_TRUE(store.empty());
-    add(store, "a");
-    EXPECT_FALSE(store.synchronize(true));
-    EXPECT_FALSE(store.synchronize(false));
-    EXPECT_EQ(current(store), "a");
-
-    MessageCollector noFinder(nullptr);
-    EXPECT_TRUE(noFinder.empty());
-    EXPECT_FALSE(noFinder.synchronize(true));
-}
-
-TEST_F(MessageCollectorTest, TheFileFinderCreatesAnEmptyStoreOnFirstUse)
-{
-    FileFinderQT finder;
-    const std::string found = finder.findFile(FileFinder::MessagesFile);
-    EXPECT_EQ(QString::fromStdString(found), messagesFile());
-    EXPECT_TRUE(QFile::exists(messagesFile()));
-    EXPECT_EQ(readAll(messagesFile()).size(), 0);
-    EXPECT_EQ(finder.findFile(static_cast<FileFinder::fileType>(1)), "");
-
-    // A second call keeps what the file holds.
-    writeAll(messagesFile(), record("s", "t", "d"));
-    EXPECT_EQ(finder.findFile(FileFinder::MessagesFile), found);
-    MessageCollector store(&finder);
-    EXPECT_EQ(store.count(), 1u);
+    FileFinderQT qt;
+    const QString expected = dir.filePath("data/zel5_tray/messages");
+    EXPECT_EQ(QString::fromStdString(qt.findFile(FileFinder::MessagesFile)), expected);
+    EXPECT_TRUE(QFile::exists(expected) && read(expected).isEmpty() && mode(expected) == 0600);
+    EXPECT_EQ(qt.findFile(FileFinder::fileType(1)), "");
+    write(expected, record("kept"));
+    EXPECT_EQ(MessageCollector(&qt).count(), 1u);
 }
