@@ -1,0 +1,264 @@
+#include "miniclient.h"
+
+#include "messagecollector.h"
+#include "rpcclient.h"
+
+#include <csignal>
+#include <ctime>
+#include <exception>
+#include <memory>
+#include <pthread.h>
+
+using ZEL::RPC2Stream;
+
+namespace {
+
+// A write to a session that the server has already closed raises SIGPIPE on
+// the secure channel. That must fail the call, not end the application: the
+// signal is held back on this thread while the session talks, and one raised
+// meanwhile is discarded.
+class PipeGuard {
+public:
+    PipeGuard()
+    {
+        sigemptyset(&pipe);
+        sigaddset(&pipe, SIGPIPE);
+        pthread_sigmask(SIG_BLOCK, &pipe, &saved);
+        sigset_t pending;
+        sigpending(&pending);
+        alreadyPending = sigismember(&pending, SIGPIPE) == 1;
+    }
+    ~PipeGuard()
+    {
+        sigset_t pending;
+        if (!alreadyPending && sigpending(&pending) == 0 && sigismember(&pending, SIGPIPE) == 1) {
+            const timespec now{0, 0};
+            sigtimedwait(&pipe, nullptr, &now);
+        }
+        pthread_sigmask(SIG_SETMASK, &saved, nullptr);
+    }
+    PipeGuard(const PipeGuard&) = delete;
+    PipeGuard& operator=(const PipeGuard&) = delete;
+
+private:
+    sigset_t pipe;
+    sigset_t saved;
+    bool alreadyPending = false;
+};
+
+// Inside a billing call every failed step raises its protocol error as an
+// int; runCall turns it into the call's failure.
+void check(int rc)
+{
+    if (rc != 0)
+        throw rc;
+}
+
+template <class T> T readValue(RPC2Stream& s)
+{
+    T value{};
+    check(s.data_get(value));
+    return value;
+}
+
+// A byte block with its received length; the stream's buffer is released at once.
+std::string readBlock(RPC2Stream& s)
+{
+    char* data = nullptr;
+    int len = 0;
+    check(s.data_get_new(data, len));
+    std::unique_ptr<char[]> owned(data);
+    return std::string(data, static_cast<std::size_t>(len));
+}
+
+// One list of a service: records while the marker is 1; any other marker
+// ends the list and is consumed.
+void readClasses(RPC2Stream& s, std::vector<MiniClient::TClassReport>& list)
+{
+    while (readValue<int>(s) == 1) {
+        MiniClient::TClassReport tclass;
+        tclass.id = readValue<int>(s);
+        tclass.name = readBlock(s);
+        tclass.size = readValue<long long>(s);
+        list.push_back(tclass);
+    }
+}
+
+// The common discipline of a billing call: call, arguments and results in
+// body, then the rest of the reply. A failure closes the session; whatever
+// body stored before it stays stored.
+template <class Body> int runCall(MiniClient& mc, int function, Body body)
+{
+    if (!mc.connected)
+        return MiniClient::rcNotConnected;
+    PipeGuard quiet;
+    try {
+        check(mc.client->_call(function));
+        body(mc.client->rpcstream());
+        mc.client->end_call();
+        return MiniClient::rcOk;
+    } catch (int) {
+    } catch (const std::exception&) {
+        // Out of memory while keeping a reply: the call failed like any other.
+    }
+    mc.client->end_call();
+    mc.disconnect();
+    return MiniClient::rcCallFailed;
+}
+
+} // namespace
+
+MiniClient::MiniClient() : services(new ServiceList)
+{
+}
+
+MiniClient::~MiniClient()
+{
+    disconnect();
+    delete client; // what a failed connection attempt left
+    delete services;
+}
+
+int MiniClient::connect()
+{
+    if (address.empty() || login.empty() || password.empty() || port == 0)
+        return rcIncompleteSettings;
+    PipeGuard quiet;
+    // A session object left by a failed attempt is not reused: it may hold a
+    // half-open connection, and a secure channel cannot be set up twice on it.
+    disconnect();
+    delete client;
+    client = new ZEL::RPCClient();
+    client->set_auth(login.c_str(), password.c_str());
+    if (client->addr(address.c_str(), static_cast<short>(port)) != 0)
+        return rcBadAddress;
+    client->ssl_ssl3();
+    if (client->open_session(0) != 0)
+        return rcSessionFailed;
+    connected = true;
+    return rcOk;
+}
+
+void MiniClient::disconnect()
+{
+    if (!connected)
+        return;
+    PipeGuard quiet;
+    client->drop_session();
+    delete client;
+    client = nullptr;
+    connected = false;
+}
+
+bool MiniClient::retrieveVersion()
+{
+    return runCall(*this, fnVersion, [this](RPC2Stream& s) {
+               // The version is text: it ends at the first zero byte.
+               serverVersion = readBlock(s).c_str();
+           })
+        == rcOk;
+}
+
+bool MiniClient::checkVersion()
+{
+    return retrieveVersion() && serverVersion == requiredVersion;
+}
+
+int MiniClient::changeInternetStatus()
+{
+    // The server decides the new state; the caller reads it back with
+    // refreshInternetStatus.
+    return runCall(*this, fnChangeInternetStatus, [this](RPC2Stream& s) {
+        check(s.data_put<int>(0));
+        client->end_output();
+    });
+}
+
+int MiniClient::refreshInternetStatus()
+{
+    return runCall(*this, fnInternetStatus, [this](RPC2Stream& s) {
+        check(s.data_get(internetStatus));
+        check(s.data_get(balance));
+    });
+}
+
+int MiniClient::refreshPrepaid()
+{
+    if (!connected) {
+        delete services;
+        services = new ServiceList;
+        return rcNotConnected;
+    }
+    auto fresh = std::make_unique<ServiceList>();
+    const int rc = runCall(*this, fnPrepaid, [this, &fresh](RPC2Stream& s) {
+        check(s.data_get(sizeDivisor));
+        while (readValue<int>(s) != 0) {
+            ServiceReport service;
+            service.name = readBlock(s);
+            readClasses(s, service.oldPrepaid);
+            readClasses(s, service.prepaid);
+            readClasses(s, service.downloaded);
+            fresh->push_back(std::move(service));
+        }
+    });
+    // A failed read publishes nothing: the previous report stays.
+    if (rc == rcOk) {
+        delete services;
+        services = fresh.release();
+    }
+    return rc;
+}
+
+int MiniClient::refreshMessages(long& lastCheck, bool& gotNew)
+{
+    gotNew = false;
+    unsigned int count = 0;
+    const int rc = runCall(*this, fnMessages, [this, &lastCheck, &count](RPC2Stream& s) {
+        // Messages from the second after the last check.
+        check(s.data_put<long>(lastCheck + 1));
+        client->end_output();
+        check(s.data_get(lastCheck));
+        check(s.data_get(count));
+        // Read one by one: the count is the server's word, not a size to trust.
+        for (unsigned int i = 0; i < count; ++i) {
+            const int time = readValue<int>(s);
+            readValue<int>(s); // a second number the client has no use for
+            std::string subject = readBlock(s);
+            std::string text = readBlock(s);
+            std::string date = convertTimeToString(time);
+            if (messageCollector)
+                messageCollector->insertMessage(subject, text, date);
+        }
+    });
+    if (rc != rcOk)
+        return rc;
+    gotNew = count != 0;
+    // The store writes itself after every completed retrieval, so deletions
+    // made in the dialog reach the file too.
+    if (messageCollector)
+        messageCollector->synchronize(true);
+    return rcOk;
+}
+
+std::string MiniClient::convertTimeToString(long time)
+{
+    const std::time_t t = static_cast<std::time_t>(time);
+    std::tm local{};
+    if (!localtime_r(&t, &local))
+        return std::string();
+    char buf[256];
+    const std::size_t n = std::strftime(buf, sizeof buf, "%d.%m.%Y %X", &local);
+    return std::string(buf, n);
+}
+
+void MiniClient::setMessageCollector(MessageCollector* collector)
+{
+    messageCollector = collector;
+}
+
+bool MiniClient::setCoreDisconnectHook(bool)
+{
+    // Deliberately inert: switching the access off on exit is left to the
+    // server; the answer only tells whether a session is open.
+    return !connected;
+}
