@@ -86,6 +86,7 @@ struct Options {
     std::string serverVersion = "5.1.9";
     int demoActivitySeconds = 0; // 0: no demo activity
     bool withDemoAccount = true;
+    int maxConnections = 64; // further clients are refused until one leaves
 };
 
 class BillingSim {
