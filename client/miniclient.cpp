@@ -3,48 +3,13 @@
 #include "messagecollector.h"
 #include "rpcclient.h"
 
-#include <csignal>
 #include <ctime>
 #include <exception>
 #include <memory>
-#include <pthread.h>
 
 using ZEL::RPC2Stream;
 
 namespace {
-
-// A write to a session that the server has already closed raises SIGPIPE on
-// the secure channel. That must fail the call, not end the application: the
-// signal is held back on this thread while the session talks, and one raised
-// meanwhile is discarded.
-class PipeGuard {
-public:
-    PipeGuard()
-    {
-        sigemptyset(&pipe);
-        sigaddset(&pipe, SIGPIPE);
-        pthread_sigmask(SIG_BLOCK, &pipe, &saved);
-        sigset_t pending;
-        sigpending(&pending);
-        alreadyPending = sigismember(&pending, SIGPIPE) == 1;
-    }
-    ~PipeGuard()
-    {
-        sigset_t pending;
-        if (!alreadyPending && sigpending(&pending) == 0 && sigismember(&pending, SIGPIPE) == 1) {
-            const timespec now{0, 0};
-            sigtimedwait(&pipe, nullptr, &now);
-        }
-        pthread_sigmask(SIG_SETMASK, &saved, nullptr);
-    }
-    PipeGuard(const PipeGuard&) = delete;
-    PipeGuard& operator=(const PipeGuard&) = delete;
-
-private:
-    sigset_t pipe;
-    sigset_t saved;
-    bool alreadyPending = false;
-};
 
 // Inside a billing call every failed step raises its protocol error as an
 // int; runCall turns it into the call's failure.
@@ -91,7 +56,6 @@ template <class Body> int runCall(MiniClient& mc, int function, Body body)
 {
     if (!mc.connected)
         return MiniClient::rcNotConnected;
-    PipeGuard quiet;
     try {
         check(mc.client->_call(function));
         body(mc.client->rpcstream());
@@ -123,7 +87,6 @@ int MiniClient::connect()
 {
     if (address.empty() || login.empty() || password.empty() || port == 0)
         return rcIncompleteSettings;
-    PipeGuard quiet;
     // A session object left by a failed attempt is not reused: it may hold a
     // half-open connection, and a secure channel cannot be set up twice on it.
     disconnect();
@@ -143,7 +106,6 @@ void MiniClient::disconnect()
 {
     if (!connected)
         return;
-    PipeGuard quiet;
     client->drop_session();
     delete client;
     client = nullptr;

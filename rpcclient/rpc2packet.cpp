@@ -339,14 +339,14 @@ int RPC2Packet::parse_attr(const char* p, int len)
 {
     int used = 0;
     while (used < len) {
-        __rpc2_attr* a;
         try {
-            a = parse_attr(reinterpret_cast<const unsigned char*>(p + used), len - used);
+            __rpc2_attr* a = parse_attr(reinterpret_cast<const unsigned char*>(p + used), len - used);
+            const int size = a->size; // store() may free a repeated attribute
             store(a);
+            used += size;
         } catch (int) {
             break;
         }
-        used += a->size;
     }
     return used;
 }

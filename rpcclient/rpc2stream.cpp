@@ -1,5 +1,6 @@
 #include "rpc2stream.h"
 #include "rpcctx.h"
+#include "sigpipeguard.h"
 
 #include <arpa/inet.h>
 #include <cerrno>
@@ -70,6 +71,7 @@ int RPC2Stream::send(const char* data, int len)
 {
     if (!ssl_sock)
         return static_cast<int>(::send(sc, data, static_cast<size_t>(len), MSG_NOSIGNAL));
+    SigpipeGuard quiet;
     for (;;) {
         ERR_clear_error();
         const int r = SSL_write(ssl_sock, data, len);
@@ -84,6 +86,7 @@ int RPC2Stream::recv(char* data, int len)
 {
     if (!ssl_sock)
         return static_cast<int>(::recv(sc, data, static_cast<size_t>(len), MSG_WAITALL | MSG_NOSIGNAL));
+    SigpipeGuard quiet; // a read may answer the peer, e.g. with an alert
     ERR_clear_error();
     int off = 0;
     while (off < len) {

@@ -2,6 +2,7 @@
 // same socket carries an SSL/TLS connection.
 #include "rpc2stream.h"
 #include "rpcctx.h"
+#include "sigpipeguard.h"
 
 #include <openssl/err.h>
 #include <openssl/ssl.h>
@@ -36,6 +37,7 @@ int RPC2Stream::__ssl_init(int type)
 
 int RPC2Stream::__ssl_connect()
 {
+    SigpipeGuard quiet;
     ERR_clear_error();
     const int r = SSL_connect(ssl_sock);
     if (SSL_get_error(ssl_sock, r) != SSL_ERROR_NONE)
@@ -55,6 +57,7 @@ int RPC2Stream::__ssl_accept(SSL_CTX* ctx, int type)
     conn_type = type;
     SSL_set_mode(ssl_sock, SSL_MODE_AUTO_RETRY);
     SSL_set_fd(ssl_sock, sc);
+    SigpipeGuard quiet;
     ERR_clear_error();
     const int r = SSL_accept(ssl_sock);
     if (SSL_get_error(ssl_sock, r) != SSL_ERROR_NONE)
@@ -71,6 +74,7 @@ int RPC2Stream::__ssl_shutdown()
 {
     if (!ssl_sock)
         return -1;
+    SigpipeGuard quiet;
     SSL_set_quiet_shutdown(ssl_sock, 1);
     int r = SSL_shutdown(ssl_sock);
     if (r == 0)
