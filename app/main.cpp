@@ -1,0 +1,91 @@
+// Entry point of the tray program.
+#include "zel5trayapp.h"
+
+#include <QApplication>
+#include <QCommandLineParser>
+#include <QDeadlineTimer>
+#include <QEventLoop>
+#include <QSocketNotifier>
+#include <QSystemTrayIcon>
+#include <QTimer>
+
+#include <csignal>
+#include <cstdio>
+#include <sys/socket.h>
+#include <unistd.h>
+
+namespace {
+
+// How long to wait at start for a system tray to appear (the desktop may
+// still be starting its panel), and how often to look.
+const int trayWaitMs = 30000;
+const int trayPollMs = 250;
+
+// A termination signal is turned into a byte on this socket pair so that the
+// event loop, not the signal handler, ends the program and settings and
+// messages are saved as on "Quit".
+int signalPipe[2] = {-1, -1};
+
+void onTerminationSignal(int)
+{
+    const char byte = 1;
+    [[maybe_unused]] const ssize_t written = ::write(signalPipe[1], &byte, 1);
+}
+
+void quitOnTerminationSignals(QApplication& app)
+{
+    if (::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, signalPipe) != 0)
+        return;
+    auto* notifier = new QSocketNotifier(signalPipe[0], QSocketNotifier::Read, &app);
+    QObject::connect(notifier, &QSocketNotifier::activated, &app, [] {
+        char byte;
+        [[maybe_unused]] const ssize_t got = ::read(signalPipe[0], &byte, 1);
+        QCoreApplication::quit();
+    });
+    struct sigaction action = {};
+    action.sa_handler = onTerminationSignal;
+    sigemptyset(&action.sa_mask);
+    action.sa_flags = SA_RESTART;
+    for (int sig : {SIGINT, SIGTERM, SIGHUP})
+        ::sigaction(sig, &action, nullptr);
+}
+
+bool waitForSystemTray()
+{
+    const QDeadlineTimer deadline(trayWaitMs);
+    while (!QSystemTrayIcon::isSystemTrayAvailable()) {
+        if (deadline.hasExpired())
+            return false;
+        QEventLoop loop;
+        QTimer::singleShot(trayPollMs, &loop, &QEventLoop::quit);
+        loop.exec();
+    }
+    return true;
+}
+
+} // namespace
+
+int main(int argc, char** argv)
+{
+    QApplication app(argc, argv);
+    QApplication::setApplicationName(QStringLiteral("zel5_tray"));
+    QApplication::setApplicationDisplayName(QStringLiteral("Orvane ZEL5 Tray"));
+    QApplication::setApplicationVersion(QStringLiteral("0.1"));
+    QApplication::setDesktopFileName(QStringLiteral("zel5_tray"));
+    // Closing a dialog must not end a program whose only window is the tray.
+    QApplication::setQuitOnLastWindowClosed(false);
+
+    QCommandLineParser parser;
+    parser.addHelpOption();
+    parser.addVersionOption();
+    parser.process(app);
+
+    quitOnTerminationSignals(app);
+    if (!waitForSystemTray())
+        std::fprintf(stderr, "zel5_tray: no system tray found; the icon shows when one starts.\n");
+
+    ZEL5TrayApp::instance()->init();
+    const int result = QApplication::exec();
+    ZEL5TrayApp::instance()->deinit();
+    return result;
+}

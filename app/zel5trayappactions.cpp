@@ -1,0 +1,76 @@
+// The controller's slots that open a dialog or the billing web interface.
+#include "zel5trayapp.h"
+
+#include "aboutdialog.h"
+#include "config.h"
+#include "messagesdialog.h"
+#include "miniclient.h"
+#include "settingsdialog.h"
+#include "trytoconnectthread.h"
+#include "zel5icon.h"
+
+#include <QDesktopServices>
+#include <QTimer>
+#include <QUrl>
+
+namespace {
+// Delay between dropping the session after a settings change and the new
+// connection attempt.
+const int reconnectDelayMs = 200;
+}
+
+int ZEL5TrayApp::runDialog(QDialog& dialog)
+{
+    // The tray icon is no widget and cannot be a parent: the dialogs block
+    // the whole application instead.
+    dialog.setWindowModality(Qt::ApplicationModal);
+    return dialog.exec();
+}
+
+void ZEL5TrayApp::showNewMessages()
+{
+    if (!icon->notify)
+        return;
+    icon->setNotify(false);
+    showMessages();
+}
+
+void ZEL5TrayApp::showMessages()
+{
+    MessagesDialog dialog(nullptr, nullptr, true);
+    dialog.setMessageCollector(_messageCollector);
+    runDialog(dialog);
+}
+
+void ZEL5TrayApp::showAbout()
+{
+    AboutDialog dialog(nullptr, nullptr, true);
+    runDialog(dialog);
+}
+
+void ZEL5TrayApp::showSettings()
+{
+    SettingsDialog dialog(nullptr, nullptr, true);
+    dialog.importSettings(_cfg);
+    if (runDialog(dialog) != QDialog::Accepted)
+        return;
+
+    dialog.exportSettings(_cfg);
+    if (_cfg->saveSettings)
+        _cfg->_save(true);
+    runTimer();
+    // A running attempt still owns the client; its session is dropped when
+    // it reports back.
+    if (thread->busy())
+        reconnectPending = true;
+    else
+        _miniClient->disconnect();
+    displayUpdates(false);
+    QTimer::singleShot(reconnectDelayMs, this, &ZEL5TrayApp::tryToConnect);
+}
+
+void ZEL5TrayApp::showZELAtWeb()
+{
+    const QString address = QStringLiteral("https://%1%2").arg(_cfg->webServerAddress, tr("/cgi-bin/zel5/aaa5"));
+    QDesktopServices::openUrl(QUrl(address));
+}
