@@ -87,6 +87,9 @@ struct Options {
     int demoActivitySeconds = 0; // 0: no demo activity
     bool withDemoAccount = true;
     int maxConnections = 64; // further clients are refused until one leaves
+    // A client that owes its login request or a call's arguments and sends
+    // nothing for this long is disconnected; 0: no limit.
+    int inputTimeoutMs = 30000;
 };
 
 class BillingSim {

@@ -102,6 +102,10 @@ bool SimConnection::greet()
 bool SimConnection::login()
 {
     ZEL::RPC2Packet request;
+    if (!inputArrives()) {
+        log("sent no login request in time");
+        return false;
+    }
     const Read r = readPacket(request);
     if (r != Read::Ok) {
         if (r == Read::Bad)
@@ -240,6 +244,10 @@ void SimConnection::recordTermination(const ZEL::RPC2Packet& p)
 bool SimConnection::readArguments(int count, std::vector<std::int32_t>& args)
 {
     ZEL::RPC2Packet p;
+    if (!inputArrives()) {
+        log("sent no call arguments in time");
+        return false;
+    }
     const Read r = readPacket(p);
     if (r != Read::Ok) {
         if (r == Read::Bad)

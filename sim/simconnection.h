@@ -48,6 +48,7 @@ private:
     bool serveCall(int function);
     void recordTermination(const ZEL::RPC2Packet& p);
     bool readArguments(int count, std::vector<std::int32_t>& args);
+    bool inputArrives();
     Read readPacket(ZEL::RPC2Packet& p);
     bool checkAttributes(int size);
     void waitForHello();

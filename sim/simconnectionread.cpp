@@ -7,6 +7,7 @@
 #include "rpc2proto.h"
 #include "rpc2stream.h"
 
+#include <chrono>
 #include <cstdio>
 
 namespace zel5sim {
@@ -16,6 +17,20 @@ static std::string hexByte(unsigned char b)
     char text[8];
     std::snprintf(text, sizeof text, "0x%02x", b);
     return text;
+}
+
+bool SimConnection::inputArrives()
+{
+    const int limit = state.options().inputTimeoutMs;
+    if (limit <= 0)
+        return true;
+    // The stream's poll also sees input the TLS layer holds already, and
+    // returns at once when the socket is shut down by stop().
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(limit);
+    while (stream->poll() == ZEL::ec_timedout)
+        if (std::chrono::steady_clock::now() >= deadline)
+            return false;
+    return true;
 }
 
 SimConnection::Read SimConnection::readPacket(ZEL::RPC2Packet& p)

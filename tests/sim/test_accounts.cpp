@@ -89,13 +89,11 @@ TEST_F(AccountsFileTest, BadFilesAreRefusedWhole)
         {R"([{"password": "b"}])", "account 1: missing \"login\""},
         {R"([{"login": "", "password": "b"}])", "\"login\" is empty"},
         {R"([{"login": "a"}])", "account 1 (\"a\"): missing \"password\""},
-        {R"([{"login": 7, "password": "b"}])", "\"login\" must be a string"},
         {R"([{"login": "a", "password": "b", "ballance": 1}])", "unknown key \"ballance\""},
         {R"([{"login": "a", "password": "b", "balance": "1"}])", "\"balance\" must be a number"},
         {R"([{"login": "a", "password": "b", "internet": 2}])", "\"internet\" must be a whole number"},
         {R"([{"login": "a", "password": "b", "divisor": 0}])", "\"divisor\" must be a whole number"},
         {R"([{"login": "a", "password": "b"}, {"login": "a", "password": "c"}])", "account 2: login \"a\" appears twice"},
-        {R"([{"login": "a", "password": "b", "services": {}}])", "\"services\" must be a list"},
         {R"([{"login": "a", "password": "b", "services": [{"prepaid": []}]}])", "services[0]: missing \"name\""},
         {R"([{"login": "a", "password": "b", "services": [{"name": "s", "prepaid": [{"id": 1, "name": "n", "size": -1}]}]}])",
          "services[0].prepaid[0]: \"size\" must be a whole number"},
@@ -103,7 +101,6 @@ TEST_F(AccountsFileTest, BadFilesAreRefusedWhole)
          "\"id\" must be a whole number"},
         {R"([{"login": "a", "password": "b", "messages": [{"time": "now", "subject": "s", "body": "b"}]}])",
          "messages[0]: \"time\" must be a whole number"},
-        {R"([{"login": "a", "password": "b", "messages": [3]}])", "messages[0]: must be an object"},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.content);

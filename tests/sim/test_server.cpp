@@ -88,6 +88,24 @@ TEST(ServerTest, MisbehavingClientsEndOnlyTheirOwnConnection)
     EXPECT_TRUE(sim->waitFor([&] { return sim->activeConnections() == 1; }));
 }
 
+TEST(ServerTest, ClientsThatOweInputAreDisconnected)
+{
+    zel5sim::Options o;
+    o.port = 0;
+    o.inputTimeoutMs = 100;
+    BillingSim sim(o);
+    ASSERT_EQ(0, sim.start());
+    EXPECT_TRUE(closedAfter(sim, "")); // no login request
+    // An idle session owes nothing and stays, here for longer than the limit.
+    auto idle = login(sim);
+    auto noArguments = login(sim);
+    ASSERT_EQ(0, noArguments->_call(-16391));
+    EXPECT_NE(0, noArguments->end_call());
+    ASSERT_TRUE(sim.waitFor([&] { return sim.activeConnections() == 1; }));
+    ASSERT_EQ(0, idle->_call(-69));
+    EXPECT_EQ("5.1.9", getText(*idle));
+}
+
 TEST(ServerTest, ServesManyClientsAtOnce)
 {
     auto sim = startSim();
