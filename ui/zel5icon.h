@@ -7,9 +7,11 @@
 
 #include <QMap>
 #include <QPixmap>
+#include <QSet>
 #include <QSystemTrayIcon>
 
 class QAction;
+class QEvent;
 class QMenu;
 class QTimerEvent;
 
@@ -79,6 +81,8 @@ signals:
 
 protected:
     void timerEvent(QTimerEvent* e) override;
+    // Sets the menu's texts again when the application's language changes.
+    bool eventFilter(QObject* watched, QEvent* event) override;
 
 private:
     void retranslate();
@@ -86,6 +90,9 @@ private:
 
     QMenu* contextMenu = nullptr;
     QMap<int, QAction*> items;
+    QAction* titleItem = nullptr;
+    QAction* quitItem = nullptr;
+    QSet<int> blinkTimers;
     int shown = OfflinePixmap;
 };
 
