@@ -1,0 +1,240 @@
+#include "settingsdialog.h"
+
+#include "artwork.h"
+#include "config.h"
+
+#include <QCheckBox>
+#include <QEvent>
+#include <QGridLayout>
+#include <QGroupBox>
+#include <QHBoxLayout>
+#include <QKeySequence>
+#include <QLabel>
+#include <QLineEdit>
+#include <QPushButton>
+#include <QSpacerItem>
+#include <QSpinBox>
+#include <QVBoxLayout>
+
+#include <iterator>
+#include <utility>
+
+namespace {
+
+constexpr int Margin = 11;
+constexpr int Spacing = 6;
+
+QLabel* makeLabel(QWidget* parent, const char* name)
+{
+    auto* label = new QLabel(parent);
+    label->setObjectName(QString::fromLatin1(name));
+    label->setAlignment(Qt::AlignRight | Qt::AlignVCenter);
+    return label;
+}
+
+template <class W>
+W* makeWidget(QWidget* parent, const char* name)
+{
+    auto* widget = new W(parent);
+    widget->setObjectName(QString::fromLatin1(name));
+    return widget;
+}
+
+void setBoxLayout(QLayout* layout)
+{
+    layout->setContentsMargins(Margin, Margin, Margin, Margin);
+    layout->setSpacing(Spacing);
+    layout->setAlignment(Qt::AlignTop);
+}
+
+} // namespace
+
+SettingsDialog::SettingsDialog(QWidget* parent, const char* name, bool modal, Qt::WindowFlags fl)
+    : QDialog(parent, fl)
+{
+    setObjectName(QString::fromLatin1(name ? name : "SettingsDialog"));
+    if (modal)
+        setWindowModality(Qt::ApplicationModal);
+    setSizeGripEnabled(false);
+    setWindowIcon(Artwork::icon(QStringLiteral("settings")));
+
+    buildNetworkBox();
+    buildOtherBox();
+    cbSaveSettings = makeWidget<QCheckBox>(this, "cbSaveSettings");
+    buttonOk = makeWidget<QPushButton>(this, "buttonOk");
+    buttonOk->setAutoDefault(true);
+    buttonOk->setDefault(true);
+    buttonCancel = makeWidget<QPushButton>(this, "buttonCancel");
+    buttonCancel->setAutoDefault(true);
+    buildLayout();
+
+    languageChange();
+    resize(QSize(481, 251).expandedTo(minimumSizeHint()));
+
+    connect(buttonOk, &QPushButton::clicked, this, &QDialog::accept);
+    connect(buttonCancel, &QPushButton::clicked, this, &QDialog::reject);
+    applyTabOrder();
+}
+
+void SettingsDialog::buildNetworkBox()
+{
+    gbNetwork = makeWidget<QGroupBox>(this, "gbNetwork");
+    textLabel5 = makeLabel(gbNetwork, "textLabel5");
+    txtServerAddress = makeWidget<QLineEdit>(gbNetwork, "txtServerAddress");
+    txtServerAddress->setMinimumWidth(150);
+    textLabel6 = makeLabel(gbNetwork, "textLabel6");
+    txtServerPort = makeWidget<QLineEdit>(gbNetwork, "txtServerPort");
+    txtServerPort->setMinimumWidth(100);
+    txtServerPort->setMaxLength(5);
+    textLabel7 = makeLabel(gbNetwork, "textLabel7");
+    txtLogin = makeWidget<QLineEdit>(gbNetwork, "txtLogin");
+    textLabel8 = makeLabel(gbNetwork, "textLabel8");
+    txtPassword = makeWidget<QLineEdit>(gbNetwork, "txtPassword");
+    txtPassword->setEchoMode(QLineEdit::Password);
+    textLabel9 = makeLabel(gbNetwork, "textLabel9");
+    spinRefreshRate = makeWidget<QSpinBox>(gbNetwork, "spinRefreshRate");
+    spinRefreshRate->setRange(120, 1000);
+    spinRefreshRate->setSingleStep(1);
+    spinRefreshRate->setMinimumWidth(100);
+    textLabel10 = makeLabel(gbNetwork, "textLabel10");
+    txtWebserverAddress = makeWidget<QLineEdit>(gbNetwork, "txtWebserverAddress");
+
+    auto* grid = new QGridLayout(gbNetwork);
+    setBoxLayout(grid);
+    const std::pair<QLabel*, QWidget*> rows[] = {
+        {textLabel5, txtServerAddress}, {textLabel6, txtServerPort},
+        {textLabel7, txtLogin},         {textLabel8, txtPassword},
+        {textLabel9, spinRefreshRate},  {textLabel10, txtWebserverAddress},
+    };
+    int row = 0;
+    for (const auto& [label, field] : rows) {
+        label->setBuddy(field);
+        grid->addWidget(label, row, 0);
+        grid->addWidget(field, row, 1);
+        ++row;
+    }
+}
+
+void SettingsDialog::buildOtherBox()
+{
+    gbOther = makeWidget<QGroupBox>(this, "gbOther");
+    cbTurnOnStart = makeWidget<QCheckBox>(gbOther, "cbTurnOnStart");
+    cbTurnOnExit = makeWidget<QCheckBox>(gbOther, "cbTurnOnExit");
+    cbStartOnSysStart = makeWidget<QCheckBox>(gbOther, "cbStartOnSysStart");
+    auto* box = new QVBoxLayout(gbOther);
+    setBoxLayout(box);
+    box->addWidget(cbTurnOnStart);
+    box->addWidget(cbTurnOnExit);
+    box->addWidget(cbStartOnSysStart);
+}
+
+void SettingsDialog::buildLayout()
+{
+    auto* top = new QVBoxLayout(this);
+    top->setContentsMargins(Margin, Margin, Margin, Margin);
+    top->setSpacing(Spacing);
+
+    auto* columns = new QHBoxLayout;
+    columns->setSpacing(Spacing);
+    columns->addWidget(gbNetwork);
+    auto* right = new QVBoxLayout;
+    right->setSpacing(Spacing);
+    right->addWidget(gbOther);
+    right->addWidget(cbSaveSettings);
+    right->addItem(new QSpacerItem(20, 20, QSizePolicy::Minimum, QSizePolicy::Expanding));
+    columns->addLayout(right);
+    top->addLayout(columns);
+
+    top->addItem(new QSpacerItem(20, 20, QSizePolicy::Minimum, QSizePolicy::Expanding));
+
+    auto* buttons = new QHBoxLayout;
+    buttons->setSpacing(Spacing);
+    buttons->addItem(new QSpacerItem(20, 20, QSizePolicy::Expanding, QSizePolicy::Minimum));
+    buttons->addWidget(buttonOk);
+    buttons->addWidget(buttonCancel);
+    top->addLayout(buttons);
+}
+
+void SettingsDialog::applyTabOrder()
+{
+    QWidget* const order[] = {
+        txtServerAddress, txtServerPort,  txtLogin,          txtPassword,
+        spinRefreshRate,  txtWebserverAddress, cbTurnOnStart, cbTurnOnExit,
+        cbStartOnSysStart, cbSaveSettings, buttonOk,         buttonCancel,
+    };
+    for (std::size_t i = 1; i < std::size(order); ++i)
+        QWidget::setTabOrder(order[i - 1], order[i]);
+}
+
+void SettingsDialog::languageChange()
+{
+    setWindowTitle(tr("Settings"));
+    gbNetwork->setTitle(tr("Network settings"));
+    textLabel5->setText(tr("Server address:"));
+    textLabel6->setText(tr("Server Port:"));
+    // A translation may change the mask; keep what was typed across it.
+    const QString port = txtServerPort->text();
+    const bool edited = txtServerPort->isModified();
+    txtServerPort->setInputMask(tr("Ddddd; "));
+    txtServerPort->setText(port);
+    txtServerPort->setModified(edited);
+    textLabel7->setText(tr("Login:"));
+    textLabel8->setText(tr("Password:"));
+    textLabel9->setText(tr("Refresh Rate:"));
+    spinRefreshRate->setSuffix(tr(" sec."));
+    textLabel10->setText(tr("Web Server Address:"));
+    gbOther->setTitle(tr("Other settings"));
+    cbTurnOnStart->setText(tr("Turn o&n internet on start"));
+    cbTurnOnStart->setShortcut(QKeySequence(tr("Alt+N")));
+    cbTurnOnExit->setText(tr("Turn o&ff internet on exit"));
+    cbTurnOnExit->setShortcut(QKeySequence(tr("Alt+F")));
+    cbStartOnSysStart->setText(tr("&Start on logon"));
+    cbStartOnSysStart->setShortcut(QKeySequence(tr("Alt+S")));
+    cbSaveSettings->setText(tr("Save settings"));
+    buttonOk->setText(tr("&OK"));
+    buttonCancel->setText(tr("&Cancel"));
+}
+
+void SettingsDialog::changeEvent(QEvent* e)
+{
+    if (e->type() == QEvent::LanguageChange)
+        languageChange();
+    QDialog::changeEvent(e);
+}
+
+void SettingsDialog::importSettings(Config<QString>* cfg)
+{
+    if (!cfg)
+        return;
+    spinRefreshRate->setValue(cfg->refreshRate);
+    txtLogin->setText(cfg->login);
+    txtPassword->setText(cfg->password);
+    txtWebserverAddress->setText(cfg->webServerAddress);
+    txtServerAddress->setText(cfg->address);
+    importedPort = cfg->port;
+    txtServerPort->setText(QString::number(cfg->port, 10));
+    cbTurnOnStart->setChecked(cfg->switchInternetOnStart);
+    cbTurnOnExit->setChecked(cfg->switchInternetOnExit);
+    cbStartOnSysStart->setChecked(cfg->startOnLogin);
+    cbSaveSettings->setChecked(cfg->saveSettings);
+}
+
+void SettingsDialog::exportSettings(Config<QString>* cfg)
+{
+    if (!cfg)
+        return;
+    cfg->refreshRate = spinRefreshRate->value();
+    cfg->login = txtLogin->text();
+    cfg->password = txtPassword->text();
+    cfg->webServerAddress = txtWebserverAddress->text();
+    cfg->address = txtServerAddress->text();
+    // Empty or unparsable digits give 0.
+    if (importedPort < 0 || txtServerPort->isModified())
+        cfg->port = txtServerPort->text().trimmed().toInt(nullptr, 10);
+    else
+        cfg->port = importedPort;
+    cfg->switchInternetOnStart = cbTurnOnStart->isChecked();
+    cfg->switchInternetOnExit = cbTurnOnExit->isChecked();
+    cfg->startOnLogin = cbStartOnSysStart->isChecked();
+    cfg->saveSettings = cbSaveSettings->isChecked();
+}
