@@ -174,10 +174,8 @@ void SettingsDialog::languageChange()
     textLabel6->setText(tr("Server Port:"));
     // A translation may change the mask; keep what was typed across it.
     const QString port = txtServerPort->text();
-    const bool edited = txtServerPort->isModified();
     txtServerPort->setInputMask(tr("Ddddd; "));
     txtServerPort->setText(port);
-    txtServerPort->setModified(edited);
     textLabel7->setText(tr("Login:"));
     textLabel8->setText(tr("Password:"));
     textLabel9->setText(tr("Refresh Rate:"));
@@ -213,6 +211,7 @@ void SettingsDialog::importSettings(Config<QString>* cfg)
     txtServerAddress->setText(cfg->address);
     importedPort = cfg->port;
     txtServerPort->setText(QString::number(cfg->port, 10));
+    importedPortText = txtServerPort->text();
     cbTurnOnStart->setChecked(cfg->switchInternetOnStart);
     cbTurnOnExit->setChecked(cfg->switchInternetOnExit);
     cbStartOnSysStart->setChecked(cfg->startOnLogin);
@@ -229,10 +228,10 @@ void SettingsDialog::exportSettings(Config<QString>* cfg)
     cfg->webServerAddress = txtWebserverAddress->text();
     cfg->address = txtServerAddress->text();
     // Empty or unparsable digits give 0.
-    if (importedPort < 0 || txtServerPort->isModified())
-        cfg->port = txtServerPort->text().trimmed().toInt(nullptr, 10);
-    else
+    if (importedPort >= 0 && txtServerPort->text() == importedPortText)
         cfg->port = importedPort;
+    else
+        cfg->port = txtServerPort->text().trimmed().toInt(nullptr, 10);
     cfg->switchInternetOnStart = cbTurnOnStart->isChecked();
     cfg->switchInternetOnExit = cbTurnOnExit->isChecked();
     cfg->startOnLogin = cbStartOnSysStart->isChecked();

@@ -4,6 +4,7 @@
 #define ZEL5_SETTINGSDIALOG_H
 
 #include <QDialog>
+#include <QString>
 
 template <class TString>
 class Config;
@@ -14,7 +15,6 @@ class QLabel;
 class QLineEdit;
 class QPushButton;
 class QSpinBox;
-class QString;
 
 class SettingsDialog : public QDialog {
     Q_OBJECT
@@ -59,9 +59,11 @@ private:
     QCheckBox* cbSaveSettings;
     QPushButton* buttonOk;
     QPushButton* buttonCancel;
-    // The port as imported, -1 before any import: the mask cannot show
-    // zero digits, so an unedited field gives the imported port back.
+    // The port as imported (-1 before any import) and as the field then
+    // showed it: the mask cannot show zero digits, so an untouched field
+    // gives the imported port back.
     int importedPort = -1;
+    QString importedPortText;
 };
 
 #endif
