@@ -32,14 +32,17 @@ void onTerminationSignal(int)
     [[maybe_unused]] const ssize_t written = ::write(signalPipe[1], &byte, 1);
 }
 
-void quitOnTerminationSignals(QApplication& app)
+// Sets `terminated` and ends the event loop on a termination signal. Before
+// the main event loop runs a quit would be lost, so start-up checks the flag.
+void quitOnTerminationSignals(QApplication& app, bool& terminated)
 {
     if (::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, signalPipe) != 0)
         return;
     auto* notifier = new QSocketNotifier(signalPipe[0], QSocketNotifier::Read, &app);
-    QObject::connect(notifier, &QSocketNotifier::activated, &app, [] {
+    QObject::connect(notifier, &QSocketNotifier::activated, &app, [&terminated] {
         char byte;
         [[maybe_unused]] const ssize_t got = ::read(signalPipe[0], &byte, 1);
+        terminated = true;
         QCoreApplication::quit();
     });
     struct sigaction action = {};
@@ -50,11 +53,11 @@ void quitOnTerminationSignals(QApplication& app)
         ::sigaction(sig, &action, nullptr);
 }
 
-bool waitForSystemTray()
+bool waitForSystemTray(const bool& terminated)
 {
     const QDeadlineTimer deadline(trayWaitMs);
     while (!QSystemTrayIcon::isSystemTrayAvailable()) {
-        if (deadline.hasExpired())
+        if (deadline.hasExpired() || terminated)
             return false;
         QEventLoop loop;
         QTimer::singleShot(trayPollMs, &loop, &QEventLoop::quit);
@@ -80,12 +83,15 @@ int main(int argc, char** argv)
     parser.addVersionOption();
     parser.process(app);
 
-    quitOnTerminationSignals(app);
-    if (!waitForSystemTray())
+    bool terminated = false;
+    quitOnTerminationSignals(app, terminated);
+    if (!waitForSystemTray(terminated) && !terminated)
         std::fprintf(stderr, "zel5_tray: no system tray found; the icon shows when one starts.\n");
+    if (terminated)
+        return 0;
 
     ZEL5TrayApp::instance()->init();
-    const int result = QApplication::exec();
+    const int result = terminated ? 0 : QApplication::exec();
     ZEL5TrayApp::instance()->deinit();
     return result;
 }
