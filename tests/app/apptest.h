@@ -1,5 +1,5 @@
-// A billing simulator on an ephemeral loopback port, throw-away
-// configuration and data directories, and a controller started against them.
+// The controller started against a billing simulator on an ephemeral
+// loopback port, with throw-away configuration and data directories.
 #ifndef ZEL5_TESTS_APPTEST_H
 #define ZEL5_TESTS_APPTEST_H
 
@@ -13,6 +13,7 @@
 
 #include <functional>
 #include <memory>
+#include <string>
 
 template <class TString>
 class Config;
@@ -22,31 +23,33 @@ protected:
     void SetUp() override;
     void TearDown() override;
 
-    // The subscriber the tests log in as.
-    static zel5sim::Account subscriber();
-    // The settings a test starts with: the simulator's address and port and
-    // the subscriber's credentials.
-    void defaultSettings(Config<QString>& cfg) const;
-    // Writes the settings file; `edit` adjusts the defaults first.
+    // The settings file: the simulator and the subscriber "anna", then `edit`.
     void writeSettings(const std::function<void(Config<QString>&)>& edit = {});
-    // The settings file as it is on disk now.
     QString settingsFile() const;
-
-    // Starts the controller as the program does.
+    void addAccount(const std::string& login, const std::string& password, double balance);
     void startApp();
-    // Waits until the icon shows the client online.
-    bool waitOnline(int timeoutMs = 10000);
-    // Opens the tray menu as a right click does.
-    void openMenu();
-    // The tooltip the icon shows.
+    bool waitOnline();
+    bool waitTooltip(const QString& text);
+    void openMenu(); // as a right click does
     QString tooltip() const;
+    int internetAtServer(const std::string& login = "anna") const;
 
     QTemporaryDir dir;
     std::unique_ptr<zel5sim::BillingSim> sim;
     std::unique_ptr<TestApp> app;
 };
 
-// Processes events until pred() holds or the time is up.
+// Processes events until pred() holds; false after the time is up.
 bool waitUntil(const std::function<bool()>& pred, int timeoutMs = 10000);
+
+// Answers the settings dialog: types the credentials, clears "Save settings"
+// when asked to, and accepts or cancels.
+std::function<int(QDialog&)> settingsAnswer(const QString& login, const QString& password, bool accept,
+                                            bool save = true);
+
+// A fault that cuts the connection on the given call, or one that stalls
+// the greeting of a new connection.
+zel5sim::Fault dropOnCall(int function);
+zel5sim::Fault stallGreeting(int ms);
 
 #endif

@@ -6,29 +6,20 @@
 #include <QDeadlineTimer>
 #include <QDialog>
 
-TestApp::TestApp()
-{
-    // Each test is a fresh program run.
-    firstTimeConnect = true;
-}
-
 TestApp::~TestApp()
 {
     deinit();
-    if (thread) {
-        thread->wait();
-        delete thread;
-    }
-    // Left behind by a shut-down that found an attempt still running.
+    thread->wait();
+    delete thread;
     delete _miniClient;
     _miniClient = nullptr;
     if (_app == this)
         _app = nullptr;
 }
 
-bool TestApp::waitForWorker(int timeoutMs)
+bool TestApp::waitForWorker()
 {
-    return thread->wait(QDeadlineTimer(timeoutMs)) && !thread->busy();
+    return thread->wait(QDeadlineTimer(10000)) && !thread->busy();
 }
 
 int TestApp::runDialog(QDialog& dialog)

@@ -1,6 +1,5 @@
-// The controller as the tests drive it: dialogs are answered by the test
-// instead of the user, connection notices are counted, and the parts the
-// tests inspect are reachable.
+// The controller with the user replaced by the test: dialogs are answered by
+// the test, connection notices are counted, the inspected parts are reachable.
 #ifndef ZEL5_TESTS_TESTAPP_H
 #define ZEL5_TESTS_TESTAPP_H
 
@@ -12,26 +11,20 @@
 
 class TestApp : public ZEL5TrayApp {
 public:
-    TestApp();
-    // Waits for the worker and frees what the program itself never frees.
+    TestApp() { firstTimeConnect = true; } // each test is a fresh program run
+    // Also frees what the program never frees: the worker, and a client
+    // that shut-down left to a hanging attempt.
     ~TestApp() override;
 
     using ZEL5TrayApp::changeInternetStatus;
-    using ZEL5TrayApp::showSettings;
-    using ZEL5TrayApp::showZELAtWeb;
     using ZEL5TrayApp::tryToConnect;
-
     ZEL5Icon* trayIcon() const { return icon; }
     TryToConnectThread* worker() const { return thread; }
     bool reportDue() const { return prepaidStale; }
-    int refreshTimer() const { return timerId; }
-    // Waits (bounded) until no connection attempt runs.
-    bool waitForWorker(int timeoutMs = 10000);
+    bool waitForWorker();
 
-    // Answers each dialog; without it every dialog is cancelled.
-    std::function<int(QDialog&)> answer;
-    // Class names of the dialogs opened, in order.
-    QStringList dialogs;
+    std::function<int(QDialog&)> answer; // none: every dialog is cancelled
+    QStringList dialogs;                 // class names, in order
     int connectedEvents = 0;
 
 protected:
