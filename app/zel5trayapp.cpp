@@ -163,7 +163,8 @@ void ZEL5TrayApp::tryToConnect()
 
 void ZEL5TrayApp::customEvent(QEvent* event)
 {
-    if (event->type() != TryToConnectThread::ConnectedEvent)
+    // After shut-down (no icon) a late notice has nothing left to update.
+    if (event->type() != TryToConnectThread::ConnectedEvent || !icon)
         return;
     // A notice can be overtaken: the session it announced may be gone by
     // now, or a newer attempt may be running.
@@ -179,7 +180,7 @@ void ZEL5TrayApp::customEvent(QEvent* event)
 
 void ZEL5TrayApp::attemptFinished()
 {
-    if (reconnectPending)
+    if (reconnectPending && icon)
         tryToConnect();
 }
 

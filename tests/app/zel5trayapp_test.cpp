@@ -8,6 +8,7 @@
 #include "trytoconnectthread.h"
 #include "zel5icon.h"
 
+#include <QCoreApplication>
 #include <QElapsedTimer>
 #include <QFile>
 
@@ -131,6 +132,9 @@ TEST_F(AppTest, ShutDownSavesEverythingAndEndsTheSession)
 
     app->deinit();
     EXPECT_TRUE(sim->waitFor([this] { return sim->activeConnections() == 0; }));
+    // A notice that arrives after shut-down finds nothing to update.
+    QCoreApplication::postEvent(app.get(), new QEvent(TryToConnectThread::ConnectedEvent));
+    QCoreApplication::sendPostedEvents();
     Config<QString> saved;
     ASSERT_TRUE(saved._load());
     EXPECT_EQ(300, saved.refreshRate);
