@@ -7,7 +7,7 @@
 #include <fstream>
 
 using zel5sim::Account;
-using zel5sim::BillingSim;
+using simtest::image;
 
 namespace {
 
@@ -21,113 +21,71 @@ protected:
     }
 
     QTemporaryDir dir;
-    BillingSim sim;
+    std::unique_ptr<zel5sim::BillingSim> sim = simtest::startSim();
+    std::string error;
 };
-
-const char* const goodFile = R"([
-  {
-    "login": "alice", "password": "wonderland", "balance": 42.75, "internet": true,
-    "divisor": 1000,
-    "services": [
-      { "name": "Internet",
-        "oldPrepaid": [ { "id": 1, "name": "Day", "size": 1024 } ],
-        "prepaid": [],
-        "downloaded": [ { "id": 2, "name": "Night \u00fcber", "size": 6000000000 } ] },
-      { "name": "Empty" }
-    ],
-    "messages": [ { "time": 1700000000, "subject": "Hello", "body": "<b>Hi</b>" } ]
-  },
-  { "login": "demo", "password": "other" }
-])";
 
 TEST_F(AccountsFileTest, GoodFileAddsAndReplacesAccounts)
 {
-    std::string error;
-    ASSERT_TRUE(sim.loadAccounts(write(goodFile), error)) << error;
-
+    const std::string path = write(R"([
+  {"login": "alice", "password": "wonderland", "balance": 42.75, "internet": true, "divisor": 1000,
+   "services": [{"name": "Internet", "oldPrepaid": [{"id": 1, "name": "Day", "size": 1024}], "prepaid": [],
+                 "downloaded": [{"id": 2, "name": "Night \u00fcber", "size": 6000000000}]}, {"name": "Empty"}],
+   "messages": [{"time": 1700000000, "subject": "Hello", "body": "<b>Hi</b>"}]},
+  {"login": "demo", "password": "other"}])");
+    ASSERT_TRUE(sim->loadAccounts(path, error)) << error;
     Account a;
-    ASSERT_TRUE(sim.getAccount("alice", a));
-    EXPECT_EQ("wonderland", a.password);
-    EXPECT_EQ(42.75, a.balance);
-    EXPECT_EQ(1, a.internetStatus);
-    EXPECT_EQ(1000, a.sizeDivisor);
-    ASSERT_EQ(2u, a.services.size());
-    ASSERT_EQ(1u, a.services[0].downloaded.size());
-    EXPECT_EQ("Night \xc3\xbc" "ber", a.services[0].downloaded[0].name); // UTF-8 on the wire
-    EXPECT_EQ(6000000000LL, a.services[0].downloaded[0].size);
-    EXPECT_EQ(1024, a.services[0].oldPrepaid[0].size);
-    EXPECT_TRUE(a.services[1].prepaid.empty());
-    ASSERT_EQ(1u, a.messages.size());
-    EXPECT_EQ(1700000000, a.messages[0].time);
-
+    ASSERT_TRUE(sim->getAccount("alice", a));
+    EXPECT_EQ("alice wonderland 42.75 1 1000\nInternet:\n1 Day 1024\nInternet:\nInternet:\n"
+              "2 Night \xc3\xbc" "ber 6000000000\n" // UTF-8 on the wire
+              "Empty:\nEmpty:\nEmpty:\n1700000000 Hello <b>Hi</b>\n",
+              image(a));
+    EXPECT_TRUE(simtest::login(sim->port(), "alice", "wonderland")->connected());
     // Defaults of a minimal account; the demo login is replaced.
-    Account demo;
-    ASSERT_TRUE(sim.getAccount("demo", demo));
-    EXPECT_EQ("other", demo.password);
-    EXPECT_EQ(0, demo.internetStatus);
-    EXPECT_EQ(1048576, demo.sizeDivisor);
-    EXPECT_TRUE(demo.services.empty());
-
-    zel5sim::Options o;
-    o.port = 0;
-    BillingSim server(o);
-    ASSERT_TRUE(server.loadAccounts(write(goodFile), error));
-    ASSERT_EQ(0, server.start());
-    auto c = simtest::login(server, "alice", "wonderland");
-    EXPECT_TRUE(c->connected());
+    ASSERT_TRUE(sim->getAccount("demo", a));
+    EXPECT_EQ("demo other 0 0 1048576\n", image(a));
 }
 
 TEST_F(AccountsFileTest, BadFilesAreRefusedWhole)
 {
-    const struct {
-        const char* content;
-        const char* problem;
-    } cases[] = {
+    const std::string ab = R"([{"login": "a", "password": "b")", sv = ab + R"(, "services": [{"name": "s", )";
+    const std::pair<std::string, const char*> cases[] = {
         {"", "not valid JSON at line 1"},
         {"[\n{\"login\": \"a\",\n \"password\" \"x\"}]", "not valid JSON at line 3"},
-        {R"({"login": "a", "password": "b"})", "list of accounts"},
+        {ab.substr(1) + "}", "list of accounts"},
         {R"([{"password": "b"}])", "account 1: missing \"login\""},
         {R"([{"login": "", "password": "b"}])", "\"login\" is empty"},
         {R"([{"login": "a"}])", "account 1 (\"a\"): missing \"password\""},
-        {R"([{"login": "a", "password": "b", "ballance": 1}])", "unknown key \"ballance\""},
-        {R"([{"login": "a", "password": "b", "balance": "1"}])", "\"balance\" must be a number"},
-        {R"([{"login": "a", "password": "b", "internet": 2}])", "\"internet\" must be a whole number"},
-        {R"([{"login": "a", "password": "b", "divisor": 0}])", "\"divisor\" must be a whole number"},
-        {R"([{"login": "a", "password": "b"}, {"login": "a", "password": "c"}])", "account 2: login \"a\" appears twice"},
-        {R"([{"login": "a", "password": "b", "services": [{"prepaid": []}]}])", "services[0]: missing \"name\""},
-        {R"([{"login": "a", "password": "b", "services": [{"name": "s", "prepaid": [{"id": 1, "name": "n", "size": -1}]}]}])",
-         "services[0].prepaid[0]: \"size\" must be a whole number"},
-        {R"([{"login": "a", "password": "b", "services": [{"name": "s", "downloaded": [{"id": 1.5, "name": "n", "size": 1}]}]}])",
-         "\"id\" must be a whole number"},
-        {R"([{"login": "a", "password": "b", "messages": [{"time": "now", "subject": "s", "body": "b"}]}])",
+        {ab + R"(, "ballance": 1}])", "unknown key \"ballance\""},
+        {ab + R"(, "balance": "1"}])", "\"balance\" must be a number"},
+        {ab + R"(, "internet": 2}])", "\"internet\" must be a whole number"},
+        {ab + R"(, "divisor": 0}])", "\"divisor\" must be a whole number"},
+        {ab + R"(}, {"login": "a", "password": "c"}])", "account 2: login \"a\" appears twice"},
+        {ab + R"(, "services": [{"prepaid": []}]}])", "services[0]: missing \"name\""},
+        {sv + R"("prepaid": [{"id": 1, "name": "n", "size": -1}]}]}])", "prepaid[0]: \"size\" must be a whole number"},
+        {sv + R"("downloaded": [{"id": 1.5, "name": "n", "size": 1}]}]}])", "\"id\" must be a whole number"},
+        {ab + R"(, "messages": [{"time": "now", "subject": "s", "body": "b"}]}])",
          "messages[0]: \"time\" must be a whole number"},
+        // Texts no packet could carry are refused, not cut.
+        {ab + R"(, "messages": [{"time": 1, "subject": "s", "body": ")" + std::string(40000, 'x') + "\"}]}]",
+         "\"body\" is longer than"},
+        // A good account before the bad part is not loaded either.
+        {R"([{"login": "x", "password": "y"}, {"login": "z"}])", "account 2 (\"z\"): missing \"password\""},
     };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.content);
-        const std::string path = write(c.content);
-        std::string error;
-        EXPECT_FALSE(sim.loadAccounts(path, error));
+    for (const auto& [content, problem] : cases) {
+        SCOPED_TRACE(content.substr(0, 120));
+        const std::string path = write(content);
+        EXPECT_FALSE(sim->loadAccounts(path, error));
         EXPECT_EQ(0u, error.find(path + ": ")) << error;
-        EXPECT_NE(std::string::npos, error.find(c.problem)) << error;
+        EXPECT_NE(std::string::npos, error.find(problem)) << error;
         EXPECT_EQ(std::string::npos, error.find('\n'));
     }
-    // A good account before the bad part is not loaded either.
-    std::string error;
-    EXPECT_FALSE(sim.loadAccounts(write(R"([{"login": "x", "password": "y"}, {"login": "z"}])"), error));
-    Account unused;
-    EXPECT_FALSE(sim.getAccount("x", unused));
+    EXPECT_FALSE(sim->withAccount("x", [](Account&) {}));
 
-    const std::string missing = dir.filePath("missing.json").toStdString();
-    EXPECT_FALSE(sim.loadAccounts(missing, error));
-    EXPECT_NE(std::string::npos, error.find(missing + ": cannot read")) << error;
-    EXPECT_FALSE(sim.loadAccounts(dir.path().toStdString(), error));
-
-    // Texts no packet could carry are refused, not cut.
-    const std::string longBody(40000, 'x');
-    EXPECT_FALSE(sim.loadAccounts(write(R"([{"login": "a", "password": "b", "messages": [{"time": 1, "subject": "s", "body": ")" +
-                                        longBody + "\"}]}]"),
-                                  error));
-    EXPECT_NE(std::string::npos, error.find("\"body\" is longer than")) << error;
+    for (const std::string& path : {dir.filePath("missing.json").toStdString(), dir.path().toStdString()}) {
+        EXPECT_FALSE(sim->loadAccounts(path, error));
+        EXPECT_EQ(0u, error.find(path + ": cannot read")) << error;
+    }
 }
 
 } // namespace
