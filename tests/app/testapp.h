@@ -1,5 +1,5 @@
 // The controller with the user replaced by the test: dialogs are answered by
-// the test, connection notices are counted, the inspected parts are reachable.
+// the test, connection notices are counted, the objects the tests inspect are reachable.
 #ifndef ZEL5_TESTS_TESTAPP_H
 #define ZEL5_TESTS_TESTAPP_H
 
