@@ -99,6 +99,7 @@ public:
     std::string user_ip_str() const;
 
 private:
+    int __ssl_bind(SSL_CTX* ctx, int type);
     int refill();
     int get32(ui32& raw);
     int get64(ui64& raw);

@@ -24,8 +24,14 @@ int RPC2Stream::__ssl_init(int type)
     SSL_CTX* ctx = type == rsr_ssl_tls1 ? RPCCtx::tls1() : RPCCtx::ssl3();
     if (!ctx)
         return ec_inval;
+    return __ssl_bind(ctx, type);
+}
+
+int RPC2Stream::__ssl_bind(SSL_CTX* ctx, int type)
+{
     if (ssl_sock)
         SSL_free(ssl_sock);
+    // No cached session is reused: every connection negotiates afresh.
     ssl_sock = SSL_new(ctx);
     if (!ssl_sock)
         return ec_inval;
@@ -47,16 +53,8 @@ int RPC2Stream::__ssl_connect()
 
 int RPC2Stream::__ssl_accept(SSL_CTX* ctx, int type)
 {
-    if (!ctx)
+    if (!ctx || __ssl_bind(ctx, type) != 0)
         return ec_inval;
-    if (ssl_sock)
-        SSL_free(ssl_sock);
-    ssl_sock = SSL_new(ctx);
-    if (!ssl_sock)
-        return ec_inval;
-    conn_type = type;
-    SSL_set_mode(ssl_sock, SSL_MODE_AUTO_RETRY);
-    SSL_set_fd(ssl_sock, sc);
     SigpipeGuard quiet;
     ERR_clear_error();
     const int r = SSL_accept(ssl_sock);

@@ -266,24 +266,10 @@ int RPCClient::restore_session(const char* key, unsigned long client_ip)
         disconnect();
         return ec_inval;
     }
-    _rst.listen();
-    RPC2Packet& answer = _rst.packet();
-    if (answer.code() == rc_access_reject) {
-        disconnect();
-        return ec_access;
-    }
-    if (_rst.bad() || answer.code() != rc_access_accept) {
-        disconnect();
-        return ec_badmsg;
-    }
-    _sk = parsed;
-    int ssl = 0;
-    if (answer.get_attr(ra_ssl_request, ssl) == ec_ok && ssl != rsr_ssl_none)
-        return _rst.ssl_connect(ssl);
-    return 0;
+    return login_answer(&parsed);
 }
 
-int RPCClient::login_answer()
+int RPCClient::login_answer(const RPC2::key128_t* accepted_key)
 {
     _rst.listen();
     RPC2Packet& answer = _rst.packet();
@@ -295,6 +281,8 @@ int RPCClient::login_answer()
         disconnect();
         return ec_badmsg;
     }
+    if (accepted_key)
+        _sk = *accepted_key;
     // The server's value decides, not the one requested.
     int ssl = 0;
     if (answer.get_attr(ra_ssl_request, ssl) == ec_ok && ssl != rsr_ssl_none)

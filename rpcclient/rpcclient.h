@@ -70,7 +70,9 @@ public:
     const sockaddr_in& server_address() const { return _serv; }
 
 private:
-    int login_answer();
+    // Reads the answer to a login request; a restore passes the key that
+    // becomes the session's on acceptance.
+    int login_answer(const RPC2::key128_t* accepted_key = nullptr);
     int end_session(int termination);
 
     RPC2::key128_t _sk;
