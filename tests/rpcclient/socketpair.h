@@ -1,19 +1,13 @@
-// Test helpers for driving the protocol over real descriptors: a connected
-// pair of local stream sockets with bounded reads, and byte strings written
-// as hexadecimal text so that expected wire images read like a capture.
+// Test helpers: a connected pair of local stream sockets, and wire images
+// written as hexadecimal text so that they read like a capture.
 #ifndef ZEL5_TESTS_SOCKETPAIR_H
 #define ZEL5_TESTS_SOCKETPAIR_H
 
-#include <poll.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include <algorithm>
-#include <cctype>
-#include <cerrno>
-#include <cstring>
-#include <initializer_list>
-#include <stdexcept>
+#include <iomanip>
+#include <sstream>
 #include <string>
 #include <utility>
 #include <vector>
@@ -23,25 +17,12 @@ namespace zel5test {
 using Bytes = std::vector<unsigned char>;
 
 // "C9 23 00 04" -> {0xC9, 0x23, 0x00, 0x04}; spaces are ignored.
-inline Bytes hexBytes(const std::string& text)
+inline Bytes hexBytes(const std::string& hex)
 {
     Bytes out;
-    int high = -1;
-    for (char c : text) {
-        if (std::isspace(static_cast<unsigned char>(c)))
-            continue;
-        if (!std::isxdigit(static_cast<unsigned char>(c)))
-            throw std::invalid_argument("not a hex digit in " + text);
-        int v = std::isdigit(static_cast<unsigned char>(c)) ? c - '0' : (std::tolower(c) - 'a' + 10);
-        if (high < 0) {
-            high = v;
-        } else {
-            out.push_back(static_cast<unsigned char>(high << 4 | v));
-            high = -1;
-        }
-    }
-    if (high >= 0)
-        throw std::invalid_argument("odd number of hex digits in " + text);
+    std::istringstream in(hex);
+    for (std::string pair; in >> std::setw(2) >> pair;)
+        out.push_back(static_cast<unsigned char>(std::stoi(pair, nullptr, 16)));
     return out;
 }
 
@@ -53,120 +34,63 @@ inline Bytes concat(std::initializer_list<Bytes> parts)
     return out;
 }
 
-// One attribute as it appears on the wire: code, reserved 0, big-endian size
-// counting the 4 header bytes, payload.
-inline Bytes wireAttr(int code, const Bytes& payload)
+// A 4-byte head (b0, b1, big-endian size counting the head) and the body.
+inline Bytes sized(int b0, int b1, const Bytes& body)
 {
-    std::size_t size = payload.size() + 4;
-    Bytes out{static_cast<unsigned char>(code), 0, static_cast<unsigned char>(size >> 8),
-              static_cast<unsigned char>(size & 0xFF)};
-    out.insert(out.end(), payload.begin(), payload.end());
-    return out;
+    using u8 = unsigned char;
+    std::size_t n = body.size() + 4;
+    return concat({{u8(b0), u8(b1), u8(n >> 8), u8(n)}, body});
 }
 
 // A whole packet built by hand, independent of the packet class under test.
 inline Bytes wirePacket(int code, std::initializer_list<std::pair<int, Bytes>> attrs)
 {
     Bytes body;
-    for (const auto& [c, payload] : attrs) {
-        Bytes a = wireAttr(c, payload);
-        body.insert(body.end(), a.begin(), a.end());
-    }
-    std::size_t size = body.size() + 4;
-    Bytes out{static_cast<unsigned char>(code), 0x23, static_cast<unsigned char>(size >> 8),
-              static_cast<unsigned char>(size & 0xFF)};
-    out.insert(out.end(), body.begin(), body.end());
-    return out;
+    for (const auto& [c, payload] : attrs)
+        body = concat({body, sized(c, 0, payload)});
+    return sized(code, 0x23, body);
 }
 
-// Two connected AF_UNIX stream sockets. Either end can be handed over to an
-// object that closes it itself (the packet stream does); the pair closes only
-// the ends it still owns.
-class SocketPair {
-public:
-    SocketPair()
-    {
-        if (::socketpair(AF_UNIX, SOCK_STREAM, 0, fds) != 0)
-            throw std::runtime_error(std::string("socketpair: ") + std::strerror(errno));
-    }
-    ~SocketPair()
-    {
-        for (int fd : fds)
-            if (fd >= 0)
-                ::close(fd);
-    }
-    SocketPair(const SocketPair&) = delete;
-    SocketPair& operator=(const SocketPair&) = delete;
+// A data packet (code 200) of values given in hexadecimal.
+inline Bytes wireData(std::initializer_list<const char*> values)
+{
+    Bytes body;
+    for (const char* v : values)
+        body = concat({body, sized(5, 0, hexBytes(v))});
+    return sized(200, 0x23, body);
+}
 
+// Two connected local stream sockets. An end handed to a stream, which closes
+// it itself, is released first; the pair closes only the ends it still owns.
+struct SocketPair {
+    int fds[2] = {-1, -1};
+    SocketPair() { socketpair(AF_UNIX, SOCK_STREAM, 0, fds); }
+    ~SocketPair() { ::close(fds[0]); ::close(fds[1]); } // a released end is -1
     int near() const { return fds[0]; }
     int peer() const { return fds[1]; }
+    int release(int end) { return std::exchange(fds[end], -1); }
+    void closePeer() { ::close(release(1)); }
 
-    // Gives up ownership of the near end, for a stream that closes it.
-    int releaseNear()
+    // Writes every byte, blocking as needed; stops when the other end went away.
+    void writePeer(const Bytes& bytes) const
     {
-        int fd = fds[0];
-        fds[0] = -1;
-        return fd;
-    }
-
-    int releasePeer()
-    {
-        int fd = fds[1];
-        fds[1] = -1;
-        return fd;
-    }
-
-    void closePeer()
-    {
-        if (fds[1] >= 0)
-            ::close(fds[1]);
-        fds[1] = -1;
-    }
-
-    // Writes every byte on the given end (blocking).
-    static void writeAll(int fd, const Bytes& bytes)
-    {
-        std::size_t done = 0;
-        while (done < bytes.size()) {
-            ssize_t n = ::send(fd, bytes.data() + done, bytes.size() - done, MSG_NOSIGNAL);
-            if (n < 0 && errno == EINTR)
-                continue;
+        for (std::size_t done = 0; done < bytes.size();) {
+            ssize_t n = ::send(fds[1], bytes.data() + done, bytes.size() - done, MSG_NOSIGNAL);
             if (n <= 0)
-                throw std::runtime_error(std::string("send: ") + std::strerror(errno));
+                return;
             done += static_cast<std::size_t>(n);
         }
     }
-    void writePeer(const Bytes& bytes) const { writeAll(fds[1], bytes); }
 
-    // Reads up to n bytes, giving up after timeoutMs without new input or at
-    // end of stream; returns what arrived.
-    static Bytes readUpTo(int fd, std::size_t n, int timeoutMs = 2000)
+    // Everything already queued at the peer's end; writes on a local socket
+    // pair are there as soon as they return.
+    Bytes readPeer() const
     {
-        Bytes out;
-        unsigned char chunk[4096];
-        while (out.size() < n) {
-            pollfd p{fd, POLLIN, 0};
-            int r = ::poll(&p, 1, timeoutMs);
-            if (r < 0 && errno == EINTR)
-                continue;
-            if (r <= 0)
-                break;
-            std::size_t want = std::min(n - out.size(), sizeof chunk);
-            ssize_t got = ::recv(fd, chunk, want, 0);
-            if (got <= 0)
-                break;
-            out.insert(out.end(), chunk, chunk + got);
-        }
+        Bytes out(1 << 16);
+        ssize_t n = ::recv(fds[1], out.data(), out.size(), MSG_DONTWAIT);
+        out.resize(n > 0 ? static_cast<std::size_t>(n) : 0);
         return out;
     }
-    Bytes readPeer(std::size_t n, int timeoutMs = 2000) const { return readUpTo(fds[1], n, timeoutMs); }
-
-    // Everything already queued for reading, without waiting.
-    static Bytes readReady(int fd) { return readUpTo(fd, 1 << 20, 0); }
-    Bytes readPeerReady() const { return readReady(fds[1]); }
-
-private:
-    int fds[2] = {-1, -1};
 };
 
 } // namespace zel5test
