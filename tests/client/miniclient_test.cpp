@@ -1,0 +1,213 @@
+#include "billingsim.h"
+#include "filefinder.h"
+#include "messagecollector.h"
+#include "miniclient.h"
+
+#include <arpa/inet.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <cstdlib>
+#include <filesystem>
+#include <thread>
+
+using zel5sim::Fault;
+
+namespace {
+
+// The message store on a file of a fresh temporary directory.
+struct TempFinder : FileFinder {
+    TempFinder() : dir(std::filesystem::temp_directory_path() / "zel5-client-XXXXXX") { ::mkdtemp(dir.data()); }
+    ~TempFinder() override { std::filesystem::remove_all(dir); }
+    std::string findFile(fileType) override { return dir + "/messages"; }
+    std::string dir;
+};
+
+class MiniClientSimTest : public ::testing::Test {
+protected:
+    void SetUp() override
+    {
+        ASSERT_EQ(sim.start(), 0);
+        sim.putAccount({.login = "ivan", .password = "secret", .balance = -12.25, .internetStatus = 1,
+            .services = {{"Интернет", {{1, "Local", 1000}}, {}, {{1, "Local", 5000000000LL}, {2, "World", 42}}},
+                         {"Mail", {}, {}, {}}},
+            .messages = {{1000, "first", "<p>1</p>"}, {3000, "third", "<p>3</p>"}, {2000, "second", "<p>2</p>"}}});
+        mc.address = "127.0.0.1", mc.port = sim.port(), mc.login = "ivan", mc.password = "secret";
+        mc.requiredVersion = "5.1.9";
+        mc.setMessageCollector(&store);
+        ::setenv("TZ", "MSK-3", 1), ::tzset(); // message dates are shown in local time
+    }
+
+    TempFinder finder;
+    MessageCollector store{&finder};
+    zel5sim::BillingSim sim{zel5sim::Options{.port = 0}};
+    MiniClient mc;
+    long lastCheck = 999;
+    bool gotNew = true;
+};
+
+std::string i32(int v) { return {char(v >> 24), char(v >> 16), char(v >> 8), char(v)}; }
+std::string i64(long long v) { return i32(int(v >> 32)) + i32(int(v)); }
+
+// A scripted billing server for replies the simulator's accounts cannot give: its one client gets, unasked,
+// the greeting, a plain login answer and per call an acknowledgement and a data packet of the values.
+class RawServer {
+public:
+    explicit RawServer(const std::vector<std::vector<std::string>>& calls)
+    {
+        std::string out = frame(192, 0x23, frame(6, 0, std::string(16, 'k'))) + frame(194, 0x23, "");
+        for (const auto& values : calls) {
+            std::string data;
+            for (const std::string& v : values)
+                data += frame(5, 0, v);
+            out += frame(200, 0x23, frame(3, 0, i32(0))) + frame(200, 0x23, data + frame(4, 0, i32(1)));
+        }
+        sockaddr_in a{.sin_family = AF_INET, .sin_port = 0, .sin_addr = {htonl(INADDR_LOOPBACK)}, .sin_zero = {}};
+        socklen_t len = sizeof a;
+        ::bind(fd, reinterpret_cast<sockaddr*>(&a), len), ::listen(fd, 1);
+        ::getsockname(fd, reinterpret_cast<sockaddr*>(&a), &len);
+        port = ntohs(a.sin_port);
+        worker = std::thread([this, out] {
+            client = ::accept4(fd, nullptr, nullptr, SOCK_CLOEXEC);
+            ::send(client, out.data(), out.size(), MSG_NOSIGNAL);
+        });
+    }
+    ~RawServer()
+    {
+        ::shutdown(fd, SHUT_RDWR); // ends the wait for a client that never came
+        worker.join();
+        ::close(client), ::close(fd);
+    }
+    // Packets (second byte 0x23) and their attributes (0) share one header layout.
+    static std::string frame(int code, char second, const std::string& v)
+    {
+        return std::string{char(code), second, char((v.size() + 4) >> 8), char(v.size() + 4)} + v;
+    }
+
+    int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0), client = -1, port = 0;
+    std::thread worker;
+};
+
+} // namespace
+
+TEST_F(MiniClientSimTest, ConnectTellsWhatStoodInTheWayAndCallsNeedASession)
+{
+    const std::pair<void (*)(MiniClient&), int> spoilt[] = {
+        {[](MiniClient& c) { c.address.clear(); }, 2}, {[](MiniClient& c) { c.login.clear(); }, 2},
+        {[](MiniClient& c) { c.password.clear(); }, 2}, {[](MiniClient& c) { c.port = 0; }, 2},
+        {[](MiniClient& c) { c.address = "no.such.host.invalid"; }, 3}, {[](MiniClient& c) { c.password = "x"; }, 4}};
+    for (const auto& [spoil, expected] : spoilt) {
+        MiniClient c;
+        c.address = mc.address, c.port = mc.port, c.login = mc.login, c.password = mc.password;
+        spoil(c);
+        EXPECT_EQ(c.connect(), expected);
+    }
+
+    mc.services->push_back({"stale", {}, {}, {}});
+    EXPECT_TRUE(!mc.retrieveVersion() && mc.setCoreDisconnectHook(false));
+    EXPECT_EQ(std::vector<int>({mc.changeInternetStatus(), mc.refreshInternetStatus(), mc.refreshPrepaid(),
+                                mc.refreshMessages(lastCheck, gotNew)}), std::vector<int>({1, 1, 1, 1}));
+    EXPECT_TRUE(lastCheck == 999 && !gotNew && mc.services->empty());
+}
+
+TEST_F(MiniClientSimTest, EveryCallReadsTheAccount)
+{
+    ASSERT_EQ(mc.connect(), 0);
+    EXPECT_TRUE(!mc.setCoreDisconnectHook(true) && mc.checkVersion());
+    mc.requiredVersion = "5.1.9 ";
+    EXPECT_FALSE(mc.checkVersion());
+
+    EXPECT_TRUE(mc.refreshInternetStatus() == 0 && mc.internetStatus == 1 && mc.balance == -12.25);
+    EXPECT_TRUE(mc.changeInternetStatus() == 0 && mc.refreshInternetStatus() == 0 && mc.internetStatus == 0);
+
+    ASSERT_EQ(mc.refreshPrepaid(), 0);
+    ASSERT_TRUE(mc.sizeDivisor == 1048576 && mc.services->size() == 2);
+    const MiniClient::ServiceReport& net = mc.services->front();
+    ASSERT_TRUE(net.oldPrepaid.size() == 1 && net.prepaid.empty() && net.downloaded.size() == 2);
+    EXPECT_TRUE(net.name == "Интернет" && net.downloaded[0].size == 5000000000LL && net.downloaded[1].name == "World");
+
+    ASSERT_EQ(mc.refreshMessages(lastCheck, gotNew), 0);
+    EXPECT_TRUE(gotNew && lastCheck == 3000 && sim.lastArgument(MiniClient::fnMessages) == 1000);
+    std::string walk, subject, text, date;
+    for (int i = 0; i < 3 && store.currentMessage(subject, text, date); ++i, store.prevMessage())
+        walk += subject + " ";
+    EXPECT_EQ(walk + text + date, "third second first <p>1</p>01.01.1970 03:16:40");
+
+    // Nothing new: the time still moves on and the store is still written.
+    store.deleteMessage();
+    EXPECT_TRUE(mc.refreshMessages(lastCheck, gotNew) == 0 && !gotNew && sim.lastArgument(mc.fnMessages) == 3001);
+    EXPECT_EQ(MessageCollector(&finder).count(), 2u);
+
+    mc.disconnect();
+    EXPECT_TRUE(!mc.connected && mc.services->size() == 2); // the report outlives the session
+    EXPECT_TRUE(sim.waitFor([this] { return sim.lastTermination() == 6; }));
+}
+
+TEST_F(MiniClientSimTest, ABrokenReplyClosesTheSessionAndKeepsTheOldValues)
+{
+    ASSERT_EQ(mc.connect(), 0);
+    ASSERT_EQ(mc.refreshPrepaid(), 0);
+    MiniClient::ServiceList* report = mc.services;
+    mc.internetStatus = 77;
+    int (*const calls[])(MiniClient&) = {
+        [](auto& c) { return c.retrieveVersion() ? 0 : 7; }, [](auto& c) { return c.refreshPrepaid(); },
+        [](auto& c) { return c.refreshInternetStatus(); }, [](auto& c) { return c.changeInternetStatus(); }};
+    // Cut inside the acknowledgement, right after it, inside the data.
+    for (int i = 0; i < 4; ++i) {
+        for (int bytes : {0, 7, 12, 20}) {
+            if (i == 3 && bytes >= 12)
+                continue; // switching replies with nothing after the acknowledgement
+            ASSERT_TRUE(mc.connected || mc.connect() == 0);
+            sim.addFault({Fault::Stage::Call, Fault::Kind::CutAfter, 0, bytes});
+            EXPECT_EQ(calls[i](mc), 7) << "call " << i << " cut after " << bytes;
+            EXPECT_FALSE(mc.connected);
+        }
+    }
+    EXPECT_TRUE(mc.services == report && report->size() == 2 && mc.internetStatus == 77);
+
+    // A count of four billion messages ends at the first missing one.
+    ASSERT_EQ(mc.connect(), 0);
+    sim.addFault({Fault::Stage::Call, Fault::Kind::HugeCount, MiniClient::fnMessages});
+    const auto start = std::chrono::steady_clock::now();
+    EXPECT_EQ(mc.refreshMessages(lastCheck, gotNew), 7);
+    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(2));
+    EXPECT_TRUE(lastCheck == 3000 && !gotNew && store.empty() && !mc.connected); // the time came before the count
+}
+
+TEST(MiniClientRaw, ReportListsEndAtAnyMarkerButOneAndFailedReadsKeepWhatCameBefore)
+{
+    const std::string tooLong("123456789", 9); // wrong-sized for any number
+    MiniClient mc;
+    mc.address = "127.0.0.1", mc.login = "ivan", mc.password = "secret", mc.requiredVersion = "5.1.9";
+    {
+        RawServer server({{std::string("5.1.9\0beta", 10)}, {i32(1), tooLong}}); // the balance is broken
+        mc.port = server.port, mc.balance = 10.5;
+        ASSERT_EQ(mc.connect(), 0);
+        EXPECT_TRUE(mc.checkVersion()); // the version text ends at the zero byte
+        EXPECT_EQ(mc.refreshInternetStatus(), 7);
+        EXPECT_TRUE(mc.internetStatus == 1 && mc.balance == 10.5 && !mc.connected);
+    }
+    RawServer server({
+        {i32(1024), i32(-1), "Internet",                           // any non-zero flag opens a service
+         i32(1), i32(7), "Local", i64(5000000000LL), i32(2), // marker 2 ends old prepaid
+         i32(0),                                                      // prepaid: empty
+         i32(1), i32(8), std::string("W\0rld", 5), i64(-1), i32(-7), i32(0)},
+        {i32(2048), i32(1), "A", i32(0), i32(0), i32(0), // the second service breaks
+         i32(1), "B", i32(1), i32(1), "class", tooLong}});
+    mc.port = server.port;
+    ASSERT_EQ(mc.connect(), 0);
+    ASSERT_EQ(mc.refreshPrepaid(), 0);
+    ASSERT_EQ(mc.services->size(), 1u);
+    const MiniClient::ServiceReport net = mc.services->front();
+    ASSERT_TRUE(net.oldPrepaid.size() == 1 && net.prepaid.empty() && net.downloaded.size() == 1);
+    EXPECT_TRUE(net.name == "Internet" && net.oldPrepaid[0].size == 5000000000LL && net.downloaded[0].size == -1);
+    EXPECT_EQ(net.downloaded[0].name, std::string("W\0rld", 5)); // names keep their received length
+
+    MiniClient::ServiceList* report = mc.services;
+    EXPECT_EQ(mc.refreshPrepaid(), 7);
+    EXPECT_TRUE(!mc.connected && mc.sizeDivisor == 2048); // the divisor is stored as soon as it was read
+    EXPECT_TRUE(mc.services == report && report->front().name == "Internet");
+}
