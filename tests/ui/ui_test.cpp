@@ -1,0 +1,417 @@
+// The tray icon with its menu and account summary, the dialogs, and the message body view.
+#include "aboutdialog.h"
+#include "artwork.h"
+#include "config.h"
+#include "htmlwidget.h"
+#include "messagecollector.h"
+#include "messagesdialog.h"
+#include "settingsdialog.h"
+#include "zel5icon.h"
+
+#include <QAbstractEventDispatcher>
+#include <QAction>
+#include <QApplication>
+#include <QDesktopServices>
+#include <QFile>
+#include <QLabel>
+#include <QLineEdit>
+#include <QMenu>
+#include <QPushButton>
+#include <QSpinBox>
+#include <QTcpServer>
+#include <QTemporaryDir>
+#include <QTest>
+#include <QTextBrowser>
+#include <QTimer>
+#include <QTimerEvent>
+
+#include <gtest/gtest.h>
+
+#include <functional>
+#include <tuple>
+
+// Takes the desktop's place in opening links for the whole run, so that no
+// test starts a browser, and records what would have been opened.
+class LinkCatcher : public QObject {
+    Q_OBJECT
+public:
+    Q_INVOKABLE void open(const QUrl& url) { opened << url; }
+    QList<QUrl> opened;
+};
+LinkCatcher* links = nullptr;
+
+namespace {
+
+using P = ZEL5Icon::PixmapType;
+
+// The colour at the centre of logical pixel (x, y).
+QColor at(const QPixmap& pm, int x, int y)
+{
+    const qreal dpr = pm.devicePixelRatio();
+    return pm.toImage().pixelColor(int((x + 0.5) * dpr), int((y + 0.5) * dpr));
+}
+
+class ZEL5IconTest : public ::testing::Test {
+protected:
+    void SetUp() override { icon.init(); }
+    auto timers() { return QAbstractEventDispatcher::instance()->registeredTimers(&icon); }
+    // The picture the tray shows, told by its pixels.
+    int shown() const
+    {
+        const QImage image = icon.icon().pixmap({22, 22}, icon.pixmaps[0].devicePixelRatio()).toImage();
+        for (int p = 0; p < 4; ++p)
+            if (image == icon.pixmaps[p].toImage().convertToFormat(QImage::Format_ARGB32_Premultiplied))
+                return p;
+        return -1;
+    }
+    // Delivers one tick of the blink timer, as the event loop would.
+    int tick()
+    {
+        QTimerEvent event(timers().isEmpty() ? 0 : timers().first().timerId);
+        QCoreApplication::sendEvent(&icon, &event);
+        return shown();
+    }
+    // The switch item's text, then which of the items 1 to 6 are enabled.
+    QString menuState() const
+    {
+        QString state = icon.menuItem(ZEL5Icon::idSwitchInternet)->text() + ' ';
+        for (int id = 1; id <= 6; ++id)
+            state += icon.menuItem(id)->isEnabled() ? '1' : '0';
+        return state;
+    }
+    // Opens the context menu and gives the lines of the "Traffic" submenu.
+    QStringList openTraffic()
+    {
+        emit icon.menu()->aboutToShow();
+        QStringList texts;
+        for (QAction* action : icon.trafficMenu->actions())
+            texts << action->text();
+        return texts;
+    }
+
+    ZEL5Icon icon;
+};
+
+TEST_F(ZEL5IconTest, PicturesAddTheBarOrTheMessageToTheBase)
+{
+    const QPixmap& on = icon.pixmaps[P::InternetOnPixmap];
+    const QPixmap base = Artwork::pixmap(Artwork::themeIcon("zel5_tray"), {22, 22}, on.devicePixelRatio());
+    EXPECT_EQ(icon.pixmaps[P::OfflinePixmap].toImage(), base.toImage());
+    EXPECT_EQ(at(on, 11, 16), QColor(0, 255, 0));
+    EXPECT_EQ(at(icon.pixmaps[P::InternetOffPixmap], 11, 16), QColor(255, 0, 0));
+    // The bar spans (2, 13) to (19, 19), outlined in black, and nothing more.
+    for (const auto& [x, y, edge] : {std::tuple{2, 16, true}, {19, 16, true}, {11, 13, true}, {11, 19, true},
+                                     {1, 16, false}, {20, 16, false}, {11, 12, false}, {11, 20, false}})
+        EXPECT_EQ(at(on, x, y), edge ? QColor(Qt::black) : at(base, x, y)) << x << "," << y;
+
+    const QImage b = base.toImage(), m = icon.pixmaps[P::MessagePixmap].toImage();
+    const int half = b.height() / 2;
+    EXPECT_EQ(m.copy(0, 0, b.width(), half), b.copy(0, 0, b.width(), half));
+    EXPECT_NE(m.copy(0, half, b.width(), half), b.copy(0, half, b.width(), half));
+
+    // Transparent pixels just around the bar become opaque; opaque ones keep their colour.
+    QPixmap clear(22, 22), opaque(22, 22);
+    clear.fill(Qt::transparent);
+    opaque.fill(Qt::white);
+    icon.drawRoundRect(Qt::green, clear);
+    icon.drawRoundRect(Qt::green, opaque);
+    EXPECT_EQ(std::tuple(at(clear, 0, 16).alpha(), at(clear, 1, 16).alpha()), std::tuple(0, 255));
+    EXPECT_EQ(std::tuple(at(opaque, 1, 16), at(opaque, 11, 16)), std::tuple(QColor(Qt::white), QColor(Qt::green)));
+}
+
+TEST_F(ZEL5IconTest, StatesDrivePictureAndMenu)
+{
+    const char* offline = "Switch Internet On/Off 001011";
+    const std::tuple<std::function<void()>, P, const char*> steps[] = {
+        {[] {}, P::OfflinePixmap, offline},
+        {[&] { icon.setInternetStatus(true); }, P::OfflinePixmap, offline},
+        {[&] { icon.setOnlineStatus(true); }, P::OfflinePixmap, "Switch Internet On/Off 111011"},
+        {[&] { icon.setInternetStatus(true); }, P::InternetOnPixmap, "Switch Internet Off 111011"},
+        {[&] { icon.setInternetStatus(false); }, P::InternetOffPixmap, "Switch Internet On 111011"},
+        {[&] { icon.setMessagesStatus(true); }, P::InternetOffPixmap, "Switch Internet On 111111"},
+        {[&] { icon.setOnlineStatus(false); }, P::OfflinePixmap, offline},
+    };
+    for (const auto& [step, picture, state] : steps) {
+        step();
+        EXPECT_EQ(menuState(), state);
+        EXPECT_EQ(shown(), picture) << state;
+    }
+}
+
+TEST_F(ZEL5IconTest, BlinkAlternatesWithTheCurrentPictureUntilStopped)
+{
+    icon.setNotify(true);
+    icon.setNotify(true);
+    ASSERT_EQ(timers().size(), 1);
+    EXPECT_EQ(QList({tick(), tick()}), QList<int>({P::MessagePixmap, P::OfflinePixmap}));
+    // A state change while blinking becomes the other frame.
+    icon.setOnlineStatus(true);
+    icon.setInternetStatus(true);
+    EXPECT_EQ(QList({tick(), tick(), tick()}), QList<int>({P::MessagePixmap, P::InternetOnPixmap, P::MessagePixmap}));
+    // Stopping takes effect at the next tick, which ends the timer.
+    icon.setNotify(false);
+    EXPECT_EQ(tick(), P::InternetOnPixmap);
+    EXPECT_EQ(timers().size(), 0);
+}
+
+TEST_F(ZEL5IconTest, ItemsAndLeftClickEmitTheirSignalsAndQuitEndsTheEventLoop)
+{
+    QStringList texts;
+    for (QAction* action : icon.menu()->actions())
+        texts << (action->isSeparator() ? "-" : action->text());
+    EXPECT_EQ(texts, QStringList({"Orvane ZEL5 Tray", "Switch Internet On/Off", "Traffic", "ZEL @ Web",
+                                  "Messages", "-", "Configure ZEL5 Tray...", "About", "-", "Quit"}));
+    EXPECT_EQ(icon.menuItem(ZEL5Icon::idTraffic)->menu(), icon.trafficMenu);
+
+    // Each item emits its own signal; of the clicks on the icon, only the left one (0) does.
+    QList<int> fired;
+    for (const auto& [id, signal] : {std::pair{0, &ZEL5Icon::iconSelected}, {1, &ZEL5Icon::switchInternetSelected},
+                                     {3, &ZEL5Icon::ZELAtWebSelected}, {4, &ZEL5Icon::viewMessagesSelected},
+                                     {5, &ZEL5Icon::configureAppSelected}, {6, &ZEL5Icon::viewAboutSelected}})
+        QObject::connect(&icon, signal, [&fired, id = id] { fired << id; });
+    for (auto reason : {QSystemTrayIcon::Trigger, QSystemTrayIcon::Context, QSystemTrayIcon::MiddleClick})
+        emit icon.activated(reason);
+    icon.setOnlineStatus(true);
+    icon.setMessagesStatus(true);
+    for (int id = 1; id <= 6; ++id)
+        icon.menuItem(id)->trigger();
+    EXPECT_EQ(fired, QList<int>({0, 1, 3, 4, 5, 6}));
+
+    QTimer::singleShot(0, icon.menu()->actions().last(), &QAction::trigger);
+    QTimer::singleShot(5000, [] { QCoreApplication::exit(2); });
+    EXPECT_EQ(QApplication::exec(), 0);
+}
+
+TEST_F(ZEL5IconTest, TrafficListsEachServiceWithItsThreeClassListsAsTheyAreWhenTheMenuOpens)
+{
+    MiniClient::ServiceList services = {
+        {"Internet", {{3, "Local", 5242880}}, {}, {{-7, "World", 0}, {2, "Back", -1048576}, {4, "Half", 1572864}}},
+        {"Phone", {}, {}, {}}};
+    icon.reports = &services;
+    icon.sizeDivisor = 1048576.0;
+    const QStringList expected = {"Service: Internet", "Old Prepaid:", "    Traffic Class: Local (3), Size: 5.00 Mb",
+        "Prepaid:", "Downloaded:", "    Traffic Class: World (-7), Size: 0.00 Mb",
+        "    Traffic Class: Back (2), Size: -1.00 Mb", "    Traffic Class: Half (4), Size: 1.50 Mb",
+        "Service: Phone", "Old Prepaid:", "Prepaid:", "Downloaded:"};
+    EXPECT_EQ(openTraffic(), expected);
+    EXPECT_FALSE(icon.trafficMenu->actions().first()->isEnabled()) << "a title is no item";
+    EXPECT_EQ(openTraffic(), expected) << "rebuilt, not appended";
+
+    services.clear();
+    EXPECT_TRUE(openTraffic().isEmpty());
+
+    // The controller refreshes the report while the menu opens; names are
+    // shown literally, a doubled '&' being how a menu shows one ampersand.
+    QObject::connect(&icon, &ZEL5Icon::menuAboutToShow, [&] {
+        services = {{"R&D \xD0\xA1\xD0\xB2\xD0\xB5\xD1\x82", {{9, "50%4 %1", 2097152}}, {}, {}}};
+        icon.sizeDivisor = 1024.0;
+    });
+    EXPECT_EQ(openTraffic(), QStringList({QString::fromUtf8("Service: R&&D Свет"), "Old Prepaid:",
+        "    Traffic Class: 50%4 %1 (9), Size: 2048.00 Mb", "Prepaid:", "Downloaded:"}));
+}
+
+template <class W = QWidget>
+W* child(const QObject* parent, const char* name)
+{
+    return parent->findChild<W*>(QString::fromLatin1(name));
+}
+
+void click(const QObject* parent, const char* button)
+{
+    QTest::mouseClick(child<QPushButton>(parent, button), Qt::LeftButton);
+}
+
+// Runs the dialog modally and performs action once its loop runs; after five
+// seconds it is closed with the result -1, shown first in case it hid itself.
+int execDialog(QDialog& dialog, const std::function<void()>& action)
+{
+    QTimer::singleShot(0, &dialog, action);
+    QTimer::singleShot(5000, &dialog, [&dialog] { dialog.show(); dialog.done(-1); });
+    return dialog.exec();
+}
+
+TEST(AboutDialogTest, ShowsItsTextsAndOnlyOkOrEscapeCloseIt)
+{
+    AboutDialog dialog;
+    EXPECT_EQ(dialog.windowTitle(), "About...");
+    EXPECT_EQ(child<QLabel>(&dialog, "textLabel1")->text(), "Orvane ZEL5 Tray");
+    EXPECT_EQ(child<QLabel>(&dialog, "textLabel2")->text(), "Version 5.1.11");
+    auto* link = child<QLabel>(&dialog, "txtLink");
+    EXPECT_EQ(link->cursor().shape(), Qt::PointingHandCursor);
+    links->opened.clear();
+    dialog.show();
+    QTest::mouseClick(link, Qt::LeftButton);
+    EXPECT_TRUE(links->opened.isEmpty()) << "the address opens nothing";
+    EXPECT_EQ(execDialog(dialog, [&] { click(&dialog, "btnOK"); }), QDialog::Accepted);
+    EXPECT_EQ(execDialog(dialog, [&] { QTest::keyClick(&dialog, Qt::Key_Escape); }), QDialog::Rejected);
+}
+
+TEST(SettingsDialogTest, WidgetsTabOrderFieldRulesAndTransferBothWays)
+{
+    const QStringList order = {"gbNetwork/txtServerAddress", "gbNetwork/txtServerPort", "gbNetwork/txtLogin",
+        "gbNetwork/txtPassword", "gbNetwork/spinRefreshRate", "gbNetwork/txtWebserverAddress", "gbOther/cbTurnOnStart",
+        "gbOther/cbTurnOnExit", "gbOther/cbStartOnSysStart", "SettingsDialog/cbSaveSettings",
+        "SettingsDialog/buttonOk", "SettingsDialog/buttonCancel"};
+    SettingsDialog dialog;
+    dialog.show();
+    ASSERT_TRUE(QTest::qWaitForWindowActive(&dialog));
+    child(&dialog, "txtServerAddress")->setFocus();
+    QStringList visited;
+    for (int i = 0; i <= order.size(); ++i) {
+        QWidget* focus = QApplication::focusWidget();
+        ASSERT_NE(focus, nullptr);
+        QTest::keyClick(focus, Qt::Key_Tab);
+        // The spin box's own editor stands for the spin box.
+        if (qobject_cast<QSpinBox*>(focus->parentWidget()))
+            focus = focus->parentWidget();
+        visited << focus->parent()->objectName() + '/' + focus->objectName();
+    }
+    EXPECT_EQ(visited, order + QStringList{order.first()});
+
+    // The port mask refuses zero digits; an empty port exports as 0.
+    auto* port = child<QLineEdit>(&dialog, "txtServerPort");
+    Config<QString> cfg, copy;
+    for (const auto& [typed, kept] : {std::pair{"", ""}, {"8080", "88"}, {"10000", "1"}, {"123456", "12345"}}) {
+        port->clear();
+        QTest::keyClicks(port, typed);
+        EXPECT_EQ(port->text(), kept);
+        dialog.exportSettings(&copy);
+        EXPECT_EQ(copy.port, QString(kept).toInt());
+    }
+    auto* spin = child<QSpinBox>(&dialog, "spinRefreshRate");
+    for (const auto& [rate, steps, shown] : {std::tuple{30, -1, "120 sec."}, {5000, 1, "1000 sec."}}) {
+        copy.refreshRate = rate;
+        dialog.importSettings(&copy);
+        spin->stepBy(steps);
+        EXPECT_EQ(spin->text(), shown);
+    }
+    EXPECT_EQ(port->text(), "12345");
+
+    const auto fields = [](Config<QString>& c) {
+        return std::tie(c.address, c.webServerAddress, c.port, c.login, c.password, c.refreshRate,
+                        c.switchInternetOnStart, c.switchInternetOnExit, c.startOnLogin, c.saveSettings);
+    };
+    // A port with zero digits, which the field cannot show, is kept while the field is left alone.
+    fields(cfg) = std::tuple("billing.example.net", "stat.example.net:8443", 10000, QString::fromUtf8("абонент"),
+                             QString::fromUtf8("pässword"), 300, true, false, true, false);
+    dialog.importSettings(&cfg);
+    EXPECT_EQ(child<QLineEdit>(&dialog, "txtPassword")->echoMode(), QLineEdit::Password);
+    dialog.exportSettings(&copy);
+    EXPECT_EQ(fields(copy), fields(cfg));
+    port->setText("2");
+    dialog.exportSettings(&copy);
+    EXPECT_EQ(copy.port, 2);
+
+    EXPECT_EQ(execDialog(dialog, [&] { QTest::keyClick(port, Qt::Key_Return); }), QDialog::Accepted);
+    EXPECT_EQ(execDialog(dialog, [&] { QTest::keyClick(&dialog, Qt::Key_Escape); }), QDialog::Rejected);
+    EXPECT_EQ(execDialog(dialog, [&] { click(&dialog, "buttonCancel"); }), QDialog::Rejected);
+}
+
+TEST(MessagesDialogTest, PagesAndDeletesTheStoredMessagesAndClosesWhenNoneIsLeft)
+{
+    MessageCollector store(nullptr); // no file: nothing on disk is touched
+    MessagesDialog dialog;
+    dialog.setMessageCollector(&store);
+    EXPECT_EQ(execDialog(dialog, [] {}), QDialog::Accepted);
+
+    QTcpServer server;
+    ASSERT_TRUE(server.listen(QHostAddress::LocalHost));
+    const std::string base = "http://127.0.0.1:" + std::to_string(server.serverPort());
+    std::string messages[][3] = {
+        {"First", "<b>bold</b> &amp; <i>slanted</i>", "01.02.2026 10:00"},
+        {"<i>Second</i>", "line one\nline   two", "02.02.2026 10:00"},
+        {"Third", "<link rel=\"stylesheet\" href=\"" + base + "/s.css\"><p style=\"background-image: url(" + base +
+                      "/bg.png)\">See</p><img src=\"" + base + "/x.png\">", "03.02.2026 10:00"}};
+    for (auto& [subject, text, date] : messages)
+        store.insertMessage(subject, text, date);
+    const auto subject = [&] { return child<QLabel>(&dialog, "txtSubj")->text(); };
+    QTextBrowser* body = child<HTMLWidget>(&dialog, "frame")->view();
+    dialog.show();
+    EXPECT_EQ(subject(), "Third");
+    EXPECT_EQ(child<QLabel>(&dialog, "txtDate")->text(), "03.02.2026 10:00");
+    body->viewport()->repaint();
+    EXPECT_FALSE(QTest::qWaitFor([&] { return server.hasPendingConnections(); }, 300)) << "fetched remotely";
+
+    click(&dialog, "btnPrev");
+    EXPECT_EQ(subject(), "<i>Second</i>");
+    EXPECT_EQ(child<QLabel>(&dialog, "txtSubj")->textFormat(), Qt::PlainText) << "subjects are shown literally";
+    EXPECT_EQ(body->toPlainText(), "line one line two");
+    click(&dialog, "btnPrev");
+    EXPECT_EQ(body->toPlainText(), "bold & slanted");
+    // A shortcut presses its button briefly, as a click would; the keys
+    // work also while the body has the focus.
+    ASSERT_TRUE(QTest::qWaitForWindowActive(&dialog));
+    child(&dialog, "buttonOk")->setFocus();
+    QTest::keyClick(QApplication::focusWidget(), Qt::Key_Right);
+    ASSERT_TRUE(QTest::qWaitFor([&] { return subject() == "<i>Second</i>"; }));
+    body->setFocus();
+    QTest::keyClick(QApplication::focusWidget(), Qt::Key_Left);
+    EXPECT_TRUE(QTest::qWaitFor([&] { return subject() == "First"; }));
+
+    EXPECT_EQ(execDialog(dialog, [&] { click(&dialog, "buttonOk"); }), QDialog::Accepted);
+    EXPECT_EQ(execDialog(dialog, [&] {
+                  click(&dialog, "btnDelete");
+                  EXPECT_EQ(subject(), "<i>Second</i>");
+                  click(&dialog, "btnDelete");
+                  click(&dialog, "btnDelete");
+              }),
+              QDialog::Accepted);
+}
+
+TEST(MessageBodyTest, ShowsOnlyImagesCarriedInTheDocumentAndOpensOnlyWebAndMailLinks)
+{
+    QTemporaryDir dir;
+    const QString file = dir.filePath("big.png");
+    QImage image(200, 150, QImage::Format_ARGB32);
+    image.fill(Qt::blue);
+    ASSERT_TRUE(image.save(file));
+    QFile png(file);
+    png.open(QIODevice::ReadOnly);
+    HTMLWidget widget;
+    widget.resize(600, 300);
+    widget.show();
+    QTextBrowser* view = widget.view();
+    const auto height = [&](const QString& html) {
+        widget.showHtml(html);
+        view->document()->adjustSize();
+        return view->document()->size().height();
+    };
+    EXPECT_LT(height(QString("<img src=\"%1\"><img src=\"%2\">").arg(QUrl::fromLocalFile(file).toString(), file)), 150)
+        << "a local file was read";
+    EXPECT_GE(height("<img src=\"data:image/png;base64," + png.readAll().toBase64() + "\">"), 150);
+
+    const QStringList targets = {"http://www.example.net/a", "mailto:support@example.net",
+                                 "file:///etc/passwd", "ftp://example.net/f", "javascript:alert(1)", "#top"};
+    QString html;
+    for (int i = 0; i < targets.size(); ++i)
+        html += QString("<p><a href=\"%1\">link%2</a></p>").arg(targets[i]).arg(i);
+    widget.showHtml(html);
+    const QString shown = view->toHtml();
+    links->opened.clear();
+    for (int i = 0; i < targets.size(); ++i) {
+        QTextCursor link = view->document()->find(QString("link%1").arg(i));
+        link.setPosition(link.selectionStart() + 2);
+        QTest::mouseClick(view->viewport(), Qt::LeftButton, {}, view->cursorRect(link).center());
+    }
+    EXPECT_EQ(links->opened, QList<QUrl>({QUrl(targets[0]), QUrl(targets[1])}));
+    EXPECT_TRUE(view->source().isEmpty()) << "the view never follows a link";
+    EXPECT_EQ(view->toHtml(), shown);
+}
+
+} // namespace
+
+// The interface tests need a QApplication; they run without a display.
+int main(int argc, char** argv)
+{
+    if (!qEnvironmentVariableIsSet("QT_QPA_PLATFORM"))
+        qputenv("QT_QPA_PLATFORM", "offscreen");
+    QApplication app(argc, argv);
+    LinkCatcher catcher;
+    links = &catcher;
+    for (const char* scheme : {"http", "https", "mailto", "file", "ftp"})
+        QDesktopServices::setUrlHandler(scheme, &catcher, "open");
+    ::testing::InitGoogleTest(&argc, argv);
+    return RUN_ALL_TESTS();
+}
+
+#include "ui_test.moc"
