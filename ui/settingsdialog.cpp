@@ -210,8 +210,7 @@ void SettingsDialog::importSettings(Config<QString>* cfg)
     txtWebserverAddress->setText(cfg->webServerAddress);
     txtServerAddress->setText(cfg->address);
     importedPort = cfg->port;
-    txtServerPort->setText(QString::number(cfg->port, 10));
-    importedPortText = txtServerPort->text();
+    txtServerPort->setText(QString::number(cfg->port, 10)); // clears isModified()
     cbTurnOnStart->setChecked(cfg->switchInternetOnStart);
     cbTurnOnExit->setChecked(cfg->switchInternetOnExit);
     cbStartOnSysStart->setChecked(cfg->startOnLogin);
@@ -228,7 +227,7 @@ void SettingsDialog::exportSettings(Config<QString>* cfg)
     cfg->webServerAddress = txtWebserverAddress->text();
     cfg->address = txtServerAddress->text();
     // Empty or unparsable digits give 0.
-    if (importedPort >= 0 && txtServerPort->text() == importedPortText)
+    if (importedPort >= 0 && !txtServerPort->isModified())
         cfg->port = importedPort;
     else
         cfg->port = txtServerPort->text().trimmed().toInt(nullptr, 10);

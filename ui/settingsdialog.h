@@ -59,11 +59,9 @@ private:
     QCheckBox* cbSaveSettings;
     QPushButton* buttonOk;
     QPushButton* buttonCancel;
-    // The port as imported (-1 before any import) and as the field then
-    // showed it: the mask cannot show zero digits, so an untouched field
-    // gives the imported port back.
+    // The port as imported (-1 before any import): the mask cannot show zero
+    // digits, so a field the user has not edited gives the imported port back.
     int importedPort = -1;
-    QString importedPortText;
 };
 
 #endif
