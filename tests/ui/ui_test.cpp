@@ -409,10 +409,14 @@ int main(int argc, char** argv)
     QApplication app(argc, argv);
     LinkCatcher catcher;
     links = &catcher;
-    for (const char* scheme : {"http", "https", "mailto", "file", "ftp"})
+    const auto schemes = {"http", "https", "mailto", "file", "ftp"};
+    for (const char* scheme : schemes)
         QDesktopServices::setUrlHandler(scheme, &catcher, "open");
     ::testing::InitGoogleTest(&argc, argv);
-    return RUN_ALL_TESTS();
+    const int result = RUN_ALL_TESTS();
+    for (const char* scheme : schemes)
+        QDesktopServices::unsetUrlHandler(scheme);
+    return result;
 }
 
 #include "ui_test.moc"
