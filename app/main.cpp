@@ -5,9 +5,11 @@
 #include <QCommandLineParser>
 #include <QDeadlineTimer>
 #include <QEventLoop>
+#include <QLocale>
 #include <QSocketNotifier>
 #include <QSystemTrayIcon>
 #include <QTimer>
+#include <QTranslator>
 
 #include <csignal>
 #include <cstdio>
@@ -77,6 +79,11 @@ int main(int argc, char** argv)
     QApplication::setDesktopFileName(QStringLiteral("zel5_tray"));
     // Closing a dialog must not end a program whose only window is the tray.
     QApplication::setQuitOnLastWindowClosed(false);
+
+    // The catalogue of the user's language, where the program has one.
+    QTranslator translator;
+    if (translator.load(QLocale(), QStringLiteral("zel5_tray"), QStringLiteral("_"), QStringLiteral(":/i18n")))
+        QApplication::installTranslator(&translator);
 
     QCommandLineParser parser;
     parser.addHelpOption();
