@@ -1,48 +1,30 @@
 #include "apptest.h"
 
-#include "config.h"
-#include "zel5icon.h"
-
+#include <QApplication>
 #include <QCheckBox>
-#include <QDialog>
 #include <QFile>
 #include <QLineEdit>
-#include <QTest>
-
-bool waitUntil(const std::function<bool()>& pred, int timeoutMs)
-{
-    return QTest::qWaitFor(pred, timeoutMs);
-}
+#include <QLoggingCategory>
 
 void AppTest::SetUp()
 {
     ASSERT_TRUE(dir.isValid());
     qputenv("XDG_CONFIG_HOME", dir.filePath(QStringLiteral("config")).toLocal8Bit());
     qputenv("XDG_DATA_HOME", dir.filePath(QStringLiteral("data")).toLocal8Bit());
-    // Some tests type the port into the settings dialog, whose port field
-    // takes the digits 1 to 9 only.
-    zel5sim::Options options;
-    options.port = 0;
-    options.withDemoAccount = false;
+    // The settings dialog's port field takes the digits 1 to 9 only, and
+    // one test types the port in.
+    const zel5sim::Options options{.port = 0, .withDemoAccount = false};
     for (int tries = 0; tries < 50 && (!sim || QString::number(sim->port()).contains(QLatin1Char('0'))); ++tries) {
         sim = std::make_unique<zel5sim::BillingSim>(options);
         ASSERT_EQ(0, sim->start());
     }
     ASSERT_FALSE(QString::number(sim->port()).contains(QLatin1Char('0')));
-
     addAccount("anna", "secret", 12.345);
-    sim->withAccount("anna", [](zel5sim::Account& a) {
-        zel5sim::Service service;
-        service.name = "Home 100";
-        service.prepaid.push_back({1, "Internet", 5 * 1048576LL});
-        a.services.push_back(service);
+    editAccount([](zel5sim::Account& a) {
+        a.services.resize(1);
+        a.services[0].name = "Home 100";
+        a.services[0].prepaid = {{1, "Internet", 5 * 1048576LL}};
     });
-}
-
-void AppTest::TearDown()
-{
-    app.reset();
-    sim->stop();
 }
 
 void AppTest::writeSettings(const std::function<void(Config<QString>&)>& edit)
@@ -63,48 +45,12 @@ QString AppTest::settingsFile() const
     return file.open(QIODevice::ReadOnly) ? QString::fromUtf8(file.readAll()) : QString();
 }
 
-void AppTest::addAccount(const std::string& login, const std::string& password, double balance)
-{
-    zel5sim::Account account;
-    account.login = login;
-    account.password = password;
-    account.balance = balance;
-    account.internetStatus = 1;
-    sim->putAccount(account);
-}
-
 void AppTest::startApp()
 {
     if (!app)
         app = std::make_unique<TestApp>();
     ZEL5TrayApp::_app = app.get();
     app->init();
-}
-
-bool AppTest::waitOnline()
-{
-    return waitUntil([this] { return app->trayIcon()->online; });
-}
-
-bool AppTest::waitTooltip(const QString& text)
-{
-    return waitUntil([&] { return tooltip() == text; });
-}
-
-void AppTest::openMenu()
-{
-    app->trayIcon()->contextMenuAboutToShow(app->trayIcon()->menu());
-}
-
-QString AppTest::tooltip() const
-{
-    return app->trayIcon()->toolTip();
-}
-
-int AppTest::internetAtServer(const std::string& login) const
-{
-    zel5sim::Account account;
-    return sim->getAccount(login, account) ? account.internetStatus : -1;
 }
 
 std::function<int(QDialog&)> settingsAnswer(const QString& login, const QString& password, bool accept, bool save)
@@ -123,20 +69,15 @@ std::function<int(QDialog&)> settingsAnswer(const QString& login, const QString&
     };
 }
 
-zel5sim::Fault dropOnCall(int function)
+// One application object for the whole run; nothing is shown on screen.
+int main(int argc, char** argv)
 {
-    zel5sim::Fault fault;
-    fault.stage = zel5sim::Fault::Stage::Call;
-    fault.kind = zel5sim::Fault::Kind::CutAfter;
-    fault.function = function;
-    return fault;
-}
-
-zel5sim::Fault stallGreeting(int ms)
-{
-    zel5sim::Fault fault;
-    fault.stage = zel5sim::Fault::Stage::Greeting;
-    fault.kind = zel5sim::Fault::Kind::Stall;
-    fault.stallMs = ms;
-    return fault;
+    if (qEnvironmentVariableIsEmpty("QT_QPA_PLATFORM"))
+        qputenv("QT_QPA_PLATFORM", "offscreen");
+    // The offscreen platform has no system tray; Qt says so on every icon.
+    QLoggingCategory::setFilterRules(QStringLiteral("qt.core.qobject.connect.warning=false"));
+    QApplication app(argc, argv);
+    QApplication::setQuitOnLastWindowClosed(false);
+    ::testing::InitGoogleTest(&argc, argv);
+    return RUN_ALL_TESTS();
 }

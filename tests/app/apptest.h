@@ -1,55 +1,99 @@
-// The controller started against a billing simulator on an ephemeral
-// loopback port, with throw-away configuration and data directories.
+// The controller against a billing simulator on a loopback port, with throw-away
+// directories; the test plays the user: it answers dialogs, counts notices.
 #ifndef ZEL5_TESTS_APPTEST_H
 #define ZEL5_TESTS_APPTEST_H
 
 #include "billingsim.h"
-#include "testapp.h"
+#include "config.h"
+#include "miniclient.h"
+#include "trytoconnectthread.h"
+#include "zel5icon.h"
+#include "zel5trayapp.h"
 
-#include <QString>
+#include <QCoreApplication>
+#include <QDeadlineTimer>
+#include <QDialog>
 #include <QTemporaryDir>
+#include <QTest>
 
 #include <gtest/gtest.h>
 
 #include <functional>
 #include <memory>
-#include <string>
 
-template <class TString>
-class Config;
+class TestApp : public ZEL5TrayApp {
+public:
+    TestApp() { firstTimeConnect = true; } // each test is a fresh program run
+    // Also frees what the program never frees: the worker, and a client
+    // that shut-down left to a hanging attempt.
+    ~TestApp() override
+    {
+        deinit();
+        thread->wait();
+        // The worker's last queued notice is taken first, as the event loop
+        // would; freeing the worker is then ordered after its end.
+        QCoreApplication::processEvents();
+        delete thread;
+        delete _miniClient;
+        _miniClient = nullptr;
+        if (_app == this)
+            _app = nullptr;
+    }
+    using ZEL5TrayApp::changeInternetStatus;
+    using ZEL5TrayApp::tryToConnect;
+    ZEL5Icon* trayIcon() const { return icon; }
+    TryToConnectThread* worker() const { return thread; }
+    bool waitForWorker() { return thread->wait(QDeadlineTimer(10000)) && !thread->busy(); }
+
+    std::function<int(QDialog&)> answer; // none: every dialog is cancelled
+    QStringList dialogs;                 // class names, in order
+    int connectedEvents = 0;
+
+protected:
+    int runDialog(QDialog& dialog) override
+    {
+        dialogs << QString::fromLatin1(dialog.metaObject()->className());
+        return answer ? answer(dialog) : QDialog::Rejected;
+    }
+    void customEvent(QEvent* event) override
+    {
+        connectedEvents += event->type() == TryToConnectThread::ConnectedEvent;
+        ZEL5TrayApp::customEvent(event);
+    }
+};
 
 class AppTest : public ::testing::Test {
 protected:
     void SetUp() override;
-    void TearDown() override;
+    void TearDown() override { app.reset(); sim->stop(); }
 
     // The settings file: the simulator and the subscriber "anna", then `edit`.
     void writeSettings(const std::function<void(Config<QString>&)>& edit = {});
     QString settingsFile() const;
-    void addAccount(const std::string& login, const std::string& password, double balance);
     void startApp();
-    bool waitOnline();
-    bool waitTooltip(const QString& text);
-    void openMenu(); // as a right click does
-    QString tooltip() const;
-    int internetAtServer(const std::string& login = "anna") const;
+    void addAccount(const char* login, const char* password, double balance)
+    {
+        sim->putAccount({.login = login, .password = password, .balance = balance, .internetStatus = 1,
+                         .services = {}, .messages = {}});
+    }
+    void editAccount(const std::function<void(zel5sim::Account&)>& fn) { ASSERT_TRUE(sim->withAccount("anna", fn)); }
+    int internetAtServer() const { zel5sim::Account a; return sim->getAccount("anna", a) ? a.internetStatus : -1; }
+    ZEL5Icon* icon() const { return app->trayIcon(); }
+    QString tooltip() const { return icon()->toolTip(); }
+    void openMenu() { icon()->contextMenuAboutToShow(icon()->menu()); } // as a right click does
+    bool waitOnline() { return QTest::qWaitFor([this] { return icon()->online; }, 10000); }
+    bool waitTooltip(const QString& text) { return QTest::qWaitFor([&] { return tooltip() == text; }, 10000); }
 
     QTemporaryDir dir;
     std::unique_ptr<zel5sim::BillingSim> sim;
     std::unique_ptr<TestApp> app;
 };
 
-// Processes events until pred() holds; false after the time is up.
-bool waitUntil(const std::function<bool()>& pred, int timeoutMs = 10000);
+inline Config<QString> savedSettings() { Config<QString> saved; EXPECT_TRUE(saved._load()); return saved; }
 
-// Answers the settings dialog: types the credentials, clears "Save settings"
-// when asked to, and accepts or cancels.
+// Answers the settings dialog: types the credentials, sets "Save settings"
+// and accepts or cancels.
 std::function<int(QDialog&)> settingsAnswer(const QString& login, const QString& password, bool accept,
                                             bool save = true);
-
-// A fault that cuts the connection on the given call, or one that stalls
-// the greeting of a new connection.
-zel5sim::Fault dropOnCall(int function);
-zel5sim::Fault stallGreeting(int ms);
 
 #endif

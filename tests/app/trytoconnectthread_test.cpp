@@ -2,92 +2,80 @@
 // and that attempts never overlap.
 #include "apptest.h"
 
-#include "config.h"
-#include "miniclient.h"
-#include "trytoconnectthread.h"
-#include "zel5icon.h"
+#include <QElapsedTimer>
+#include <QLineEdit>
 
-#include <QCoreApplication>
-
-TEST_F(AppTest, CredentialsReachTheClientAsUtf8LoginAndLatin1Password)
+TEST_F(AppTest, MissingSettingsAreAskedForFirstAndTheClientIsLeftToTheWorker)
 {
     addAccount("j\xc3\xbcrgen", "p\xe4ss", 2.0); // UTF-8 login, Latin-1 password
-    writeSettings([](Config<QString>& cfg) {
-        cfg.login = QStringLiteral("j\u00fcrgen");
-        cfg.password = QStringLiteral("p\u00e4ss");
-    });
+    const QString port = QString::number(sim->port());
+    int connectionsWhileAsking = -1;
+    app = std::make_unique<TestApp>();
+    app->answer = [&](QDialog& dialog) {
+        connectionsWhileAsking = sim->connectionsAccepted();
+        dialog.findChild<QLineEdit*>(QStringLiteral("txtServerAddress"))->setText(QStringLiteral("127.0.0.1"));
+        auto* txtPort = dialog.findChild<QLineEdit*>(QStringLiteral("txtServerPort"));
+        txtPort->selectAll();
+        QTest::keyClicks(txtPort, port); // typed: a field set by the program keeps the imported port
+        return settingsAnswer(QStringLiteral("j\u00fcrgen"), QStringLiteral("p\u00e4ss"), true)(dialog);
+    };
     startApp();
-    ASSERT_TRUE(waitOnline());
+    EXPECT_EQ(QStringList{QStringLiteral("SettingsDialog")}, app->dialogs);
+    EXPECT_EQ(0, connectionsWhileAsking);
+    // Under the thread sanitizer any touch of the client before the worker
+    // has let go of it shows up as a race.
+    ASSERT_TRUE(QTest::qWaitFor([this] {
+        app->processTimer();
+        app->tryToConnect();
+        openMenu();
+        return icon()->online;
+    }, 10000));
+    EXPECT_EQ(1, sim->connectionsAccepted());
+    EXPECT_EQ(QStringLiteral("Balance: 2.00"), tooltip());
     const MiniClient* client = ZEL5TrayApp::_miniClient;
     EXPECT_EQ("j\xc3\xbcrgen", client->login);
     EXPECT_EQ("p\xe4ss", client->password);
     EXPECT_EQ("5.1.9", client->requiredVersion);
+    EXPECT_EQ(sim->port(), savedSettings().port);
 }
 
-TEST_F(AppTest, FailedAttemptsReportNothingAndTheNextUsesCurrentSettings)
+TEST_F(AppTest, NothingStartsWhileAnAttemptRunsAndSettingsAcceptedMeanwhileApplyNext)
 {
-    // No settings file and the dialog cancelled: the attempt goes ahead with
-    // the defaults, which name no server.
-    startApp();
-    ASSERT_TRUE(app->waitForWorker());
-    EXPECT_EQ("", ZEL5TrayApp::_miniClient->address);
-
-    // A port where nothing listens.
-    zel5sim::Options options;
-    options.port = 0;
-    zel5sim::BillingSim gone(options);
-    ASSERT_EQ(0, gone.start());
-    gone.stop();
-    Config<QString>* cfg = ZEL5TrayApp::_cfg;
-    cfg->address = QStringLiteral("127.0.0.1");
-    cfg->login = QStringLiteral("anna");
-    cfg->password = QStringLiteral("secret");
-    cfg->port = gone.port();
-    app->processTimer();
-    ASSERT_TRUE(app->waitForWorker());
-    QCoreApplication::processEvents();
-    EXPECT_EQ(0, app->connectedEvents);
-    EXPECT_FALSE(app->trayIcon()->online);
-
-    cfg->port = sim->port();
-    app->processTimer();
-    ASSERT_TRUE(waitOnline());
-    EXPECT_EQ(1, app->connectedEvents);
-}
-
-TEST_F(AppTest, NoSecondAttemptStartsWhileOneRuns)
-{
-    sim->addFault(stallGreeting(500));
+    addAccount("boris", "pw2", 1.0);
+    sim->addFault({.stage = zel5sim::Fault::Stage::Greeting, .kind = zel5sim::Fault::Kind::Stall, .stallMs = 500});
     writeSettings();
     startApp();
     ASSERT_TRUE(sim->waitFor([this] { return sim->connectionsAccepted() == 1; }));
     ASSERT_TRUE(app->worker()->busy());
 
     app->tryToConnect();
-    emit app->trayIcon()->iconSelected();
+    emit icon()->iconSelected();
     app->processTimer();
     app->changeInternetStatus();
     EXPECT_FALSE(app->worker()->startAttempt(TryToConnectThread::Settings()));
-    EXPECT_FALSE(app->trayIcon()->online);
-
-    ASSERT_TRUE(app->waitForWorker()); // the stalled attempt fails
+    app->answer = settingsAnswer("boris", "pw2", true);
+    emit icon()->configureAppSelected();
+    EXPECT_FALSE(icon()->online);
     EXPECT_EQ(1, sim->connectionsAccepted());
-    app->processTimer();
-    ASSERT_TRUE(waitOnline());
+
+    // The stalled attempt fails; the next one comes without a tick.
+    ASSERT_TRUE(waitTooltip(QStringLiteral("Balance: 1.00")));
+    EXPECT_EQ("boris", ZEL5TrayApp::_miniClient->login);
     EXPECT_EQ(2, sim->connectionsAccepted());
+    EXPECT_EQ(1, app->connectedEvents); // none for the failed attempt
 }
 
-TEST_F(AppTest, TicksDuringASucceedingAttemptLeaveTheClientToTheWorker)
+TEST_F(AppTest, ShutDownDuringAHangingAttemptReturns)
 {
+    sim->addFault({.stage = zel5sim::Fault::Stage::Greeting, .kind = zel5sim::Fault::Kind::Stall}); // until stopped
     writeSettings();
     startApp();
-    // Under the thread sanitizer any touch of the client before the worker
-    // has let go of it shows up as a race.
-    ASSERT_TRUE(waitUntil([this] {
-        app->processTimer();
-        app->tryToConnect();
-        openMenu();
-        return app->trayIcon()->online;
-    }));
-    EXPECT_EQ(1, sim->connectionsAccepted());
+    ASSERT_TRUE(sim->waitFor([this] { return sim->connectionsAccepted() == 1; }));
+    ASSERT_TRUE(app->worker()->busy());
+    QElapsedTimer clock;
+    clock.start();
+    app->deinit();
+    EXPECT_LT(clock.elapsed(), 8000);
+    sim->stop();
+    EXPECT_TRUE(app->waitForWorker());
 }

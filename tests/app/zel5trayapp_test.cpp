@@ -1,16 +1,13 @@
 // The controller against a live billing simulator: connection, refresh
-// cycle, account report, internet switch and shut-down.
+// cycle, account report, internet switch, dialogs and shut-down.
 #include "apptest.h"
 
-#include "config.h"
 #include "messagecollector.h"
-#include "miniclient.h"
-#include "trytoconnectthread.h"
-#include "zel5icon.h"
 
 #include <QCoreApplication>
-#include <QElapsedTimer>
+#include <QDesktopServices>
 #include <QFile>
+#include <QUrl>
 
 #include <ctime>
 
@@ -21,139 +18,166 @@ std::string shownService(const ZEL5Icon* icon)
     return icon->reports && !icon->reports->empty() ? icon->reports->front().name : std::string();
 }
 
-std::int32_t now()
-{
-    return static_cast<std::int32_t>(std::time(nullptr));
-}
+// Catches what the program hands to the desktop's browser.
+class UrlCatcher : public QObject {
+    Q_OBJECT
+public:
+    QStringList urls;
+public slots:
+    void open(const QUrl& url) { urls << url.toString(); }
+};
 
 } // namespace
 
-TEST_F(AppTest, ConnectsRefreshesAndReadsTheReportOncePerTick)
+TEST_F(AppTest, ConnectsRefreshesReadsTheReportOncePerTickAndSavesOnShutDown)
 {
+    editAccount([](zel5sim::Account& a) { a.messages.push_back({1000, "Hello", "Welcome"}); });
     writeSettings();
     startApp();
     ASSERT_TRUE(waitOnline());
-    ZEL5Icon* icon = app->trayIcon();
     EXPECT_EQ(1, app->connectedEvents);
     EXPECT_TRUE(app->dialogs.isEmpty());
     EXPECT_EQ(QStringLiteral("Balance: 12.35"), tooltip()); // 12.345, two decimals
-    EXPECT_EQ(ZEL5Icon::InternetOnPixmap, icon->currentPixmap);
-    EXPECT_FALSE(icon->notify);
+    EXPECT_EQ(ZEL5Icon::InternetOnPixmap, icon()->currentPixmap);
+    EXPECT_TRUE(icon()->notify);
     // The first connection reads the report, so the menu has it at once.
-    EXPECT_EQ("Home 100", shownService(icon));
-    EXPECT_DOUBLE_EQ(1048576.0, icon->sizeDivisor);
+    EXPECT_EQ("Home 100", shownService(icon()));
+    EXPECT_DOUBLE_EQ(1048576.0, icon()->sizeDivisor);
 
-    const std::int32_t sent = now();
-    sim->withAccount("anna", [&](zel5sim::Account& a) {
+    const std::int32_t sent = std::time(nullptr);
+    editAccount([&](zel5sim::Account& a) {
         a.balance = -3.1;
         a.internetStatus = 0;
         a.messages.push_back({sent, "Invoice", "<b>Paid</b>"});
         a.services.front().name = "Office";
     });
+    // A click shows the signalled messages, and only once.
+    emit icon()->iconSelected();
+    EXPECT_FALSE(icon()->notify);
+    emit icon()->iconSelected();
     openMenu();
-    openMenu();
-    EXPECT_EQ("Home 100", shownService(icon)); // not due yet
+    EXPECT_EQ(QStringList{QStringLiteral("MessagesDialog")}, app->dialogs);
+    EXPECT_TRUE(icon()->hasMessages);
+    EXPECT_EQ("Home 100", shownService(icon())); // not due yet
 
     app->processTimer();
     EXPECT_EQ(QStringLiteral("Balance: -3.10"), tooltip());
-    EXPECT_EQ(ZEL5Icon::InternetOffPixmap, icon->currentPixmap);
-    EXPECT_TRUE(icon->notify);
-    EXPECT_EQ(1u, ZEL5TrayApp::_messageCollector->count());
-    EXPECT_GE(ZEL5TrayApp::_cfg->lastMessageCheck, sent);
-    EXPECT_EQ("Home 100", shownService(icon)); // the tick only marks it due
-    openMenu();
-    EXPECT_EQ("Office", shownService(icon));
-    sim->withAccount("anna", [](zel5sim::Account& a) { a.services.front().name = "Third"; });
-    openMenu();
-    EXPECT_EQ("Office", shownService(icon));
-    EXPECT_EQ(1, sim->connectionsAccepted());
-}
-
-TEST_F(AppTest, SwitchesInternetOnOnlyOnTheFirstConnection)
-{
-    sim->withAccount("anna", [](zel5sim::Account& a) { a.internetStatus = 0; });
-    writeSettings([](Config<QString>& cfg) { cfg.switchInternetOnStart = true; });
-    startApp();
-    ASSERT_TRUE(waitOnline());
-    EXPECT_EQ(1, internetAtServer());
-    EXPECT_TRUE(app->trayIcon()->internetOn);
-
-    // Switched off meanwhile; the server drops the session on the next tick.
-    sim->withAccount("anna", [](zel5sim::Account& a) { a.internetStatus = 0; });
-    sim->addFault(dropOnCall(MiniClient::fnInternetStatus));
-    app->processTimer();
-    EXPECT_FALSE(app->trayIcon()->online);
-    EXPECT_TRUE(tooltip().isEmpty());
-    EXPECT_EQ(ZEL5Icon::OfflinePixmap, app->trayIcon()->currentPixmap);
-
-    // The next tick reconnects; the switch is not repeated.
-    app->processTimer();
-    EXPECT_TRUE(app->reportDue());
-    ASSERT_TRUE(waitOnline());
-    EXPECT_EQ(2, app->connectedEvents);
-    EXPECT_EQ(0, internetAtServer());
-    EXPECT_EQ(QStringLiteral("Balance: 12.35"), tooltip());
-}
-
-TEST_F(AppTest, SwitchOnStartLeavesInternetThatIsAlreadyOn)
-{
-    writeSettings([](Config<QString>& cfg) { cfg.switchInternetOnStart = true; });
-    startApp();
-    ASSERT_TRUE(waitOnline());
-    EXPECT_EQ(1, internetAtServer());
-}
-
-TEST_F(AppTest, InternetSwitchAsksTheServerOnlyWhileConnected)
-{
-    writeSettings();
-    startApp();
-    ASSERT_TRUE(waitOnline());
-    emit app->trayIcon()->switchInternetSelected();
-    EXPECT_EQ(0, internetAtServer());
-    EXPECT_FALSE(app->trayIcon()->internetOn);
-    EXPECT_EQ(QStringLiteral("Balance: 12.35"), tooltip());
-
-    ZEL5TrayApp::_miniClient->disconnect();
-    emit app->trayIcon()->switchInternetSelected();
-    EXPECT_EQ(0, internetAtServer());
-    EXPECT_FALSE(app->trayIcon()->online);
-}
-
-TEST_F(AppTest, ShutDownSavesEverythingAndEndsTheSession)
-{
-    writeSettings();
-    sim->withAccount("anna", [](zel5sim::Account& a) { a.messages.push_back({1000, "Hello", "Welcome"}); });
-    startApp();
-    ASSERT_TRUE(waitOnline());
-    ZEL5TrayApp::_cfg->refreshRate = 300;
+    EXPECT_EQ(ZEL5Icon::InternetOffPixmap, icon()->currentPixmap);
+    EXPECT_TRUE(icon()->notify);
+    EXPECT_EQ(2u, ZEL5TrayApp::_messageCollector->count());
     const int lastCheck = ZEL5TrayApp::_cfg->lastMessageCheck;
-    ASSERT_GE(lastCheck, 1000);
-    const QString messages = QString::fromStdString(ZEL5TrayApp::_messageCollector->file());
+    EXPECT_GE(lastCheck, sent);
+    EXPECT_EQ("Home 100", shownService(icon())); // the tick only marks it due
+    openMenu();
+    EXPECT_EQ("Office", shownService(icon()));
+    EXPECT_EQ(2, app->dialogs.size()); // signalled again: the menu shows them too
+    editAccount([](zel5sim::Account& a) { a.services.front().name = "Third"; });
+    openMenu();
+    EXPECT_EQ("Office", shownService(icon()));
+    EXPECT_EQ(1, sim->connectionsAccepted());
+    // The menu items open their dialogs whatever is signalled.
+    emit icon()->viewMessagesSelected();
+    emit icon()->viewAboutSelected();
+    EXPECT_EQ((QStringList{QStringLiteral("MessagesDialog"), QStringLiteral("MessagesDialog"),
+                           QStringLiteral("MessagesDialog"), QStringLiteral("AboutDialog")}),
+              app->dialogs);
 
+    ZEL5TrayApp::_cfg->refreshRate = 300;
+    const QString messages = QString::fromStdString(ZEL5TrayApp::_messageCollector->file());
     app->deinit();
     EXPECT_TRUE(sim->waitFor([this] { return sim->activeConnections() == 0; }));
     // A notice that arrives after shut-down finds nothing to update.
     QCoreApplication::postEvent(app.get(), new QEvent(TryToConnectThread::ConnectedEvent));
     QCoreApplication::sendPostedEvents();
-    Config<QString> saved;
-    ASSERT_TRUE(saved._load());
+    const Config<QString> saved = savedSettings();
     EXPECT_EQ(300, saved.refreshRate);
     EXPECT_EQ(lastCheck, saved.lastMessageCheck);
     EXPECT_GT(QFile(messages).size(), 0);
 }
 
-TEST_F(AppTest, ShutDownDuringAHangingAttemptReturns)
+TEST_F(AppTest, SwitchOnStartActsOnceOnlyWhenOffAndTheSwitchNeedsASession)
 {
-    sim->addFault(stallGreeting(0)); // until the simulator stops
+    writeSettings([](Config<QString>& cfg) { cfg.switchInternetOnStart = true; });
+    for (int before : {1, 0}) { // already on: it must not be toggled off
+        SCOPED_TRACE(before);
+        app.reset();
+        editAccount([&](zel5sim::Account& a) { a.internetStatus = before; });
+        startApp();
+        ASSERT_TRUE(waitOnline());
+        EXPECT_EQ(1, internetAtServer());
+        EXPECT_TRUE(icon()->internetOn);
+    }
+
+    // Switched off meanwhile; the server drops the session on the next tick.
+    editAccount([](zel5sim::Account& a) { a.internetStatus = 0; });
+    sim->addFault({.kind = zel5sim::Fault::Kind::CutAfter, .function = MiniClient::fnInternetStatus});
+    app->processTimer();
+    EXPECT_FALSE(icon()->online);
+    EXPECT_TRUE(tooltip().isEmpty());
+    EXPECT_EQ(ZEL5Icon::OfflinePixmap, icon()->currentPixmap);
+    emit icon()->switchInternetSelected(); // no session: the server is not asked
+    EXPECT_EQ(0, internetAtServer());
+
+    // The next tick reconnects; the switch on start is not repeated.
+    app->processTimer();
+    ASSERT_TRUE(waitOnline());
+    EXPECT_EQ(2, app->connectedEvents);
+    EXPECT_EQ(0, internetAtServer());
+    EXPECT_EQ(QStringLiteral("Balance: 12.35"), tooltip());
+    emit icon()->switchInternetSelected();
+    EXPECT_EQ(1, internetAtServer());
+    EXPECT_TRUE(icon()->internetOn);
+}
+
+TEST_F(AppTest, SettingsCancelledChangeNothingAcceptedReconnectUnsavedLastOneRun)
+{
+    addAccount("boris", "pw2", 1.0);
     writeSettings();
     startApp();
-    ASSERT_TRUE(sim->waitFor([this] { return sim->connectionsAccepted() == 1; }));
-    ASSERT_TRUE(app->worker()->busy());
+    ASSERT_TRUE(waitOnline());
+    const QString annaFile = settingsFile();
 
-    QElapsedTimer clock;
-    clock.start();
+    app->answer = settingsAnswer("boris", "pw2", false);
+    emit icon()->configureAppSelected();
+    EXPECT_EQ(QStringLiteral("anna"), ZEL5TrayApp::_cfg->login);
+    EXPECT_EQ(annaFile, settingsFile());
+    EXPECT_TRUE(icon()->online);
+
+    app->answer = settingsAnswer("boris", "pw2", true);
+    emit icon()->configureAppSelected();
+    EXPECT_FALSE(icon()->online); // offline until the new session
+    EXPECT_TRUE(tooltip().isEmpty());
+    EXPECT_EQ(QStringLiteral("boris"), savedSettings().login);
+    ASSERT_TRUE(waitTooltip(QStringLiteral("Balance: 1.00")));
+    EXPECT_EQ(2, sim->connectionsAccepted());
+
+    // "Save settings" cleared: the file keeps boris, shut-down writes only
+    // the message check.
+    const QString borisFile = settingsFile();
+    app->answer = settingsAnswer("anna", "secret", true, false);
+    emit icon()->configureAppSelected();
+    EXPECT_EQ(borisFile, settingsFile());
+    ASSERT_TRUE(waitTooltip(QStringLiteral("Balance: 12.35")));
+    const std::int32_t sent = std::time(nullptr);
+    editAccount([&](zel5sim::Account& a) { a.messages.push_back({sent, "News", "Text"}); });
+    app->processTimer();
+    const int lastCheck = ZEL5TrayApp::_cfg->lastMessageCheck;
+    ASSERT_GE(lastCheck, sent);
     app->deinit();
-    EXPECT_LT(clock.elapsed(), 8000);
-    sim->stop();
-    EXPECT_TRUE(app->waitForWorker());
+    const Config<QString> saved = savedSettings();
+    EXPECT_EQ(QStringLiteral("boris"), saved.login);
+    EXPECT_EQ(lastCheck, saved.lastMessageCheck);
 }
+
+TEST_F(AppTest, WebInterfaceOpensTheConfiguredAddress)
+{
+    UrlCatcher catcher;
+    QDesktopServices::setUrlHandler(QStringLiteral("https"), &catcher, "open");
+    writeSettings([](Config<QString>& cfg) { cfg.webServerAddress = QStringLiteral("10.0.0.5:8443"); });
+    startApp();
+    emit icon()->ZELAtWebSelected();
+    QDesktopServices::unsetUrlHandler(QStringLiteral("https"));
+    EXPECT_EQ(QStringList{QStringLiteral("https://10.0.0.5:8443/cgi-bin/zel5/aaa5")}, catcher.urls);
+}
+
+#include "zel5trayapp_test.moc"
