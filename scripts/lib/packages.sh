@@ -30,5 +30,5 @@ BUILD_PACKAGES=(
 
 # What the headless demo needs on top.
 DEMO_PACKAGES=(
-    xvfb xauth trayer x11-apps xdotool imagemagick
+    xvfb xauth trayer x11-apps xdotool imagemagick fonts-dejavu-core
 )
