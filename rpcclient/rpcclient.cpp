@@ -196,7 +196,7 @@ RPCClient& RPCClient::send(const RPC2Packet& p)
     return *this;
 }
 
-int RPCClient::open_session(unsigned long client_ip)
+int RPCClient::await_greeting()
 {
     if (connect() != 0)
         return ec_inval;
@@ -205,6 +205,23 @@ int RPCClient::open_session(unsigned long client_ip)
         disconnect();
         return ec_badmsg;
     }
+    return 0;
+}
+
+int RPCClient::send_request(const RPC2Packet& request)
+{
+    _rst << request;
+    if (_rst.bad()) {
+        disconnect();
+        return ec_inval;
+    }
+    return 0;
+}
+
+int RPCClient::open_session(unsigned long client_ip)
+{
+    if (const int r = await_greeting())
+        return r;
     RPC2Packet& greeting = _rst.packet();
     unsigned char skey[16];
     // Without a proper key the connection is deliberately left open.
@@ -225,23 +242,15 @@ int RPCClient::open_session(unsigned long client_ip)
     req.put(ra_ssl_request, _ssl_type);
     if (client_ip != 0)
         req.put(ra_client_ip, static_cast<int>(client_ip));
-    _rst << req;
-    if (_rst.bad()) {
-        disconnect();
-        return ec_inval;
-    }
+    if (const int r = send_request(req))
+        return r;
     return login_answer();
 }
 
 int RPCClient::restore_session(const char* key, unsigned long client_ip)
 {
-    if (connect() != 0)
-        return ec_inval;
-    _rst.listen();
-    if (!is_greeting(_rst)) {
-        disconnect();
-        return ec_badmsg;
-    }
+    if (const int r = await_greeting())
+        return r;
     RPC2Packet& greeting = _rst.packet();
     RPC2::key128_t parsed;
     _key_scan(parsed.key, key);
@@ -261,11 +270,8 @@ int RPCClient::restore_session(const char* key, unsigned long client_ip)
         req.put(ra_user_type, _service);
     sign(req, challenge, _pass);
     // A restore asks for no channel protection.
-    _rst << req;
-    if (_rst.bad()) {
-        disconnect();
-        return ec_inval;
-    }
+    if (const int r = send_request(req))
+        return r;
     return login_answer(&parsed);
 }
 

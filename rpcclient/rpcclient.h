@@ -70,6 +70,11 @@ public:
     const sockaddr_in& server_address() const { return _serv; }
 
 private:
+    // Connects and reads the greeting: 0, 22 without a connection, 74 (and
+    // disconnected) for anything but a version 2.3 greeting.
+    int await_greeting();
+    // 0, or 22 (and disconnected) when the stream went bad.
+    int send_request(const RPC2Packet& request);
     // Reads the answer to a login request; a restore passes the key that
     // becomes the session's on acceptance.
     int login_answer(const RPC2::key128_t* accepted_key = nullptr);
