@@ -102,16 +102,8 @@ bool SimConnection::greet()
 bool SimConnection::login()
 {
     ZEL::RPC2Packet request;
-    if (!inputArrives()) {
-        log("sent no login request in time");
+    if (!receive(request, "login request"))
         return false;
-    }
-    const Read r = readPacket(request);
-    if (r != Read::Ok) {
-        if (r == Read::Bad)
-            log(readError);
-        return false;
-    }
     if (request.code() == ZEL::rc_session_termination) {
         // A client may leave before logging in, for example after a greeting
         // it did not like.
@@ -185,12 +177,8 @@ void SimConnection::serveCalls()
 {
     for (;;) {
         ZEL::RPC2Packet p;
-        const Read r = readPacket(p);
-        if (r != Read::Ok) {
-            if (r == Read::Bad)
-                log(readError);
+        if (!receive(p, nullptr))
             return;
-        }
         if (p.code() == ZEL::rc_session_termination) {
             recordTermination(p);
             return;
@@ -244,16 +232,8 @@ void SimConnection::recordTermination(const ZEL::RPC2Packet& p)
 bool SimConnection::readArguments(int count, std::vector<std::int32_t>& args)
 {
     ZEL::RPC2Packet p;
-    if (!inputArrives()) {
-        log("sent no call arguments in time");
+    if (!receive(p, "call arguments"))
         return false;
-    }
-    const Read r = readPacket(p);
-    if (r != Read::Ok) {
-        if (r == Read::Bad)
-            log(readError);
-        return false;
-    }
     if (p.code() != ZEL::rc_session_data) {
         log("expected call arguments, got packet code " + std::to_string(p.code()));
         return false;

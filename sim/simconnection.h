@@ -50,6 +50,9 @@ private:
     bool readArguments(int count, std::vector<std::int32_t>& args);
     bool inputArrives();
     Read readPacket(ZEL::RPC2Packet& p);
+    // One packet; false (logged when bad) on failure. owed names what the
+    // client must send within the input time-out; null for none.
+    bool receive(ZEL::RPC2Packet& p, const char* owed);
     bool checkAttributes(int size);
     void waitForHello();
     void closeSocket();

@@ -33,6 +33,19 @@ bool SimConnection::inputArrives()
     return true;
 }
 
+bool SimConnection::receive(ZEL::RPC2Packet& p, const char* owed)
+{
+    // Only what the client owes has a deadline; an idle session may wait.
+    if (owed && !inputArrives()) {
+        log(std::string("sent no ") + owed + " in time");
+        return false;
+    }
+    const Read r = readPacket(p);
+    if (r == Read::Bad)
+        log(readError);
+    return r == Read::Ok;
+}
+
 SimConnection::Read SimConnection::readPacket(ZEL::RPC2Packet& p)
 {
     unsigned char* b = reinterpret_cast<unsigned char*>(buf.data());
