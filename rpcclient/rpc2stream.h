@@ -6,6 +6,8 @@
 #include "rpc2packet.h"
 #include "rpc2proto.h"
 
+#include <atomic>
+#include <chrono>
 #include <string>
 
 typedef struct ssl_st SSL;
@@ -57,6 +59,18 @@ public:
     int listen();
     int recv_packet();
 
+    // Bounds. With no bound armed and no cancel flag the stream waits
+    // exactly as a blocking socket does. set_timeout(ms) arms a deadline ms
+    // from now (0 or less disarms it) that every wait until the next call
+    // shares: a wait past it fails, records ef_timedout with a critical flag
+    // (bad() turns true) and error() ec_timedout. A set cancel flag that
+    // reads true fails the wait the same way within one 50 ms poll round,
+    // with error() ec_pipe; the flag may be set from any thread. Once either
+    // was used the socket is non-blocking and every transfer polls.
+    void set_timeout(int ms);
+    void set_cancel(const std::atomic<bool>* flag);
+    bool timed_out() const { return (flags & ef_timedout) != 0; }
+
     // Typed output: data_put<int>, data_put<long>.
     int begin_output() { return 0; }
     template <typename T> int data_put(T value);
@@ -100,6 +114,11 @@ public:
 
 private:
     int __ssl_bind(SSL_CTX* ctx, int type);
+    // Bounded mode: waits for the socket to be ready, at most until the
+    // deadline; 0, or ec_timedout / ec_pipe with the flags recorded.
+    int wait_ready(short events);
+    bool bounded() const { return _nonblocking; }
+    void make_nonblocking();
     int refill();
     int get32(ui32& raw);
     int get64(ui64& raw);
@@ -118,6 +137,10 @@ private:
     RPCServer* _server;
     int flags;
     int errcode;
+    bool _nonblocking = false;
+    bool _has_deadline = false;
+    std::chrono::steady_clock::time_point _deadline;
+    const std::atomic<bool>* _cancel = nullptr;
 };
 
 // The typed values the wire knows; other types do not link.

@@ -8,6 +8,7 @@
 #include "rpc2stream.h"
 
 #include <netinet/in.h>
+#include <atomic>
 #include <string>
 
 namespace ZEL {
@@ -50,6 +51,26 @@ public:
     static int key_scan(unsigned char* out, const char* text) { return _key_scan(out, text); }
     static int key_print(const unsigned char* key, char* out) { return _key_print(key, out); }
 
+    // Bounds, all off (0) by default: then every wait is unbounded, as a
+    // blocking socket's. connect: the TCP connect. timeout: each of the
+    // login's waits (greeting, answer, TLS handshake). call: a whole call,
+    // from _call to end_call. A wait that passes its bound fails as the
+    // stream's does (ef_timedout, bad()).
+    void set_connect_timeout(int ms) { _connect_ms = ms; }
+    void set_timeout(int ms) { _login_ms = ms; }
+    void set_call_timeout(int ms) { _call_ms = ms; }
+    // TCP keepalive on the session's socket from the next connect on:
+    // idle seconds before the first probe, seconds between probes, probes.
+    void set_keepalive(int idle_s, int interval_s, int count);
+    // A flag that, once true, cuts every wait short (connect included)
+    // within one 50 ms poll round. Set from any thread; the flag must
+    // outlive the client.
+    void set_cancel(const std::atomic<bool>* flag);
+    // Why the last connect or login failed, errno-style: ec_timedout when
+    // a bound passed, the socket's error (ECONNREFUSED, ...) of a failed
+    // connect, ec_pipe when cancelled, 0 after success.
+    int last_error() const { return _last_error; }
+
     int connect();
     int disconnect();
     int open_session(unsigned long client_ip);
@@ -89,6 +110,12 @@ private:
     std::string _pass;
     int _service;
     int _ssl_type;
+    int _connect_ms = 0;
+    int _login_ms = 0;
+    int _call_ms = 0;
+    int _keepalive[3] = {0, 0, 0};
+    const std::atomic<bool>* _cancel = nullptr;
+    int _last_error = 0;
 };
 
 } // namespace ZEL
