@@ -1,62 +1,121 @@
 // The executable: the line that tells the port, serving until SIGTERM, and
 // the exit codes of --help, a bad command line and failed starts.
+#include "childprocess.h"
 #include "simoptions.h"
 #include "simtestclient.h"
 
 #include <signal.h>
-#include <sys/wait.h>
 
-#include <cstdio>
-#include <cstring>
+#include <chrono>
+#include <string>
+#include <vector>
 
+using namespace std::chrono_literals;
 using zel5sim::SimOptions;
+using zel5test::ChildProcess;
 
 namespace {
 
-// Starts the executable with arguments given as shell words, killed if it
-// still runs after 10 seconds.
-FILE* start(const std::string& args)
+// Far above what a start or a stop takes, also in a sanitizer build on a
+// loaded machine; only a hanging executable reaches them.
+constexpr auto startBound = 20s;
+constexpr auto exitBound = 20s;
+
+std::vector<std::string> command(const std::vector<std::string>& args)
 {
-    return ::popen(("exec timeout 10 '" SIM_EXECUTABLE "' " + args).c_str(), "r");
+    std::vector<std::string> argv{SIM_EXECUTABLE};
+    argv.insert(argv.end(), args.begin(), args.end());
+    return argv;
 }
 
-// Reads the output to its end; the exit code.
-int finish(FILE* f, std::string* output = nullptr)
+std::string shown(const std::vector<std::string>& args)
 {
-    char buf[4096];
-    for (std::size_t n; (n = std::fread(buf, 1, sizeof buf, f)) > 0;)
-        if (output)
-            output->append(buf, n);
-    const int status = ::pclose(f);
-    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+    std::string s;
+    for (const std::string& a : args)
+        s += (s.empty() ? "" : " ") + a;
+    return s;
 }
 
-TEST(ExecutableTest, ServesUntilTerminatedAndReportsFailedStarts)
+struct Outcome {
+    int code = -1; // -1: it did not start, did not end in time, or a signal ended it
+    std::string out;
+    std::string err;
+};
+
+// Runs the executable to its end.
+Outcome run(const std::vector<std::string>& args)
 {
-    // The shell tells its process id before it becomes the bounded executable.
-    FILE* sim = ::popen("echo $$; exec timeout 10 '" SIM_EXECUTABLE "' --listen=127.0.0.1:0 --server-version 9.9", "r");
-    int pid = 0;
-    char line[128] = "";
-    ASSERT_EQ(1, std::fscanf(sim, "%d\n", &pid));
-    ASSERT_TRUE(std::fgets(line, sizeof line, sim));
-    ASSERT_EQ(0u, std::string(line).find("listening on 127.0.0.1:")) << line;
-    const int port = std::stoi(std::strrchr(line, ':') + 1);
+    Outcome r;
+    ChildProcess sim(command(args), {}, ChildProcess::CaptureBoth);
+    if (!sim.started()) {
+        ADD_FAILURE() << sim.startError();
+        return r;
+    }
+    const auto exit = sim.waitExit(exitBound);
+    if (!exit) {
+        ADD_FAILURE() << "waited " << exitBound.count() << " s for the simulator to end when started with '"
+                      << shown(args) << "'";
+        return r; // the child is killed on return
+    }
+    r.out = sim.takeStdout();
+    r.err = sim.stderrText();
+    r.code = exit->code();
+    if (r.code < 0)
+        ADD_FAILURE() << "'" << shown(args) << "': " << exit->describe() << "\n" << r.err;
+    return r;
+}
+
+TEST(ExecutableTest, TellsItsPortAndServesUntilTerminated)
+{
+    ChildProcess sim(command({"--listen=127.0.0.1:0", "--server-version", "9.9"}));
+    ASSERT_TRUE(sim.started()) << sim.startError();
+    std::string line;
+    ASSERT_EQ(ChildProcess::Read::Line, sim.readLine(line, startBound))
+        << "waited " << startBound.count() << " s for the line that tells the port";
+    ASSERT_EQ(0u, line.find("listening on 127.0.0.1:")) << line;
+    const int port = std::stoi(line.substr(line.rfind(':') + 1));
+    ASSERT_GT(port, 0) << line;
     auto c = simtest::login(static_cast<std::uint16_t>(port));
     EXPECT_EQ("9.9", simtest::version(*c));
 
-    EXPECT_EQ(SimOptions::exitListen, finish(start("--listen 127.0.0.1:" + std::to_string(port))));
-    // Stops with a client still connected.
-    ::kill(pid, SIGTERM);
-    EXPECT_EQ(SimOptions::exitOk, finish(sim));
+    // A second one on the same port cannot listen.
+    EXPECT_EQ(SimOptions::exitListen, run({"--listen", "127.0.0.1:" + std::to_string(port)}).code);
 
-    std::string help;
-    EXPECT_EQ(SimOptions::exitOk, finish(start("--help"), &help));
-    EXPECT_EQ(0u, help.find("Usage: ")) << help;
-    EXPECT_EQ(SimOptions::exitAccounts, finish(start("--listen 127.0.0.1:0 --accounts /nonexistent/a.json")));
-    for (const char* args : {"--listen localhost:1", "--listen 127.0.0.1:65536", "--listen 127.0.0.1", "--tls maybe",
-                             "--demo-activity 0", "--fault-stall-ms -1", "--accounts", "--help=yes",
-                             "--fault-garbage --fault-stall-ms 5", "extra"})
-        EXPECT_EQ(SimOptions::exitUsage, finish(start(args))) << args;
+    // Stops with a client still connected, and says nothing more.
+    ASSERT_TRUE(sim.signal(SIGTERM));
+    const auto exit = sim.waitExit(exitBound);
+    ASSERT_TRUE(exit) << "waited " << exitBound.count() << " s for the simulator to end after SIGTERM";
+    EXPECT_EQ(SimOptions::exitOk, exit->code()) << exit->describe();
+    EXPECT_EQ(ChildProcess::Read::End, sim.readLine(line, 0ms)) << line;
+}
+
+TEST(ExecutableTest, ExitCodesOfHelpBadCommandLinesAndFailedStarts)
+{
+    const Outcome help = run({"--help"});
+    EXPECT_EQ(SimOptions::exitOk, help.code);
+    EXPECT_EQ(0u, help.out.find("Usage: ")) << help.out;
+
+    const Outcome accounts = run({"--listen", "127.0.0.1:0", "--accounts", "/nonexistent/a.json"});
+    EXPECT_EQ(SimOptions::exitAccounts, accounts.code) << accounts.err;
+    EXPECT_EQ("", accounts.out) << "a failed start tells no port";
+
+    const std::vector<std::vector<std::string>> badLines = {
+        {"--listen", "localhost:1"},
+        {"--listen", "127.0.0.1:65536"},
+        {"--listen", "127.0.0.1"},
+        {"--tls", "maybe"},
+        {"--demo-activity", "0"},
+        {"--fault-stall-ms", "-1"},
+        {"--accounts"},
+        {"--help=yes"},
+        {"--fault-garbage", "--fault-stall-ms", "5"},
+        {"extra"},
+    };
+    for (const auto& args : badLines) {
+        const Outcome r = run(args);
+        EXPECT_EQ(SimOptions::exitUsage, r.code) << shown(args) << "\n" << r.err;
+        EXPECT_EQ("", r.out) << shown(args);
+    }
 }
 
 } // namespace
