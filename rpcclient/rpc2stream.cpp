@@ -42,6 +42,8 @@ RPC2Stream::~RPC2Stream()
 int RPC2Stream::sock(int s)
 {
     sc = s;
+    if (_nonblocking)
+        make_nonblocking();
     return 0;
 }
 
@@ -69,6 +71,8 @@ RPC2Stream& RPC2Stream::operator<<(const RPC2Packet& p)
 
 int RPC2Stream::send(const char* data, int len)
 {
+    if (bounded())
+        return send_polled(data, len);
     if (!ssl_sock)
         return static_cast<int>(::send(sc, data, static_cast<size_t>(len), MSG_NOSIGNAL));
     SigpipeGuard quiet;
@@ -84,6 +88,8 @@ int RPC2Stream::send(const char* data, int len)
 
 int RPC2Stream::recv(char* data, int len)
 {
+    if (bounded())
+        return recv_polled(data, len);
     if (!ssl_sock)
         return static_cast<int>(::recv(sc, data, static_cast<size_t>(len), MSG_WAITALL | MSG_NOSIGNAL));
     SigpipeGuard quiet; // a read may answer the peer, e.g. with an alert
@@ -111,11 +117,16 @@ int RPC2Stream::recv(char* data, int len)
 
 int RPC2Stream::poll()
 {
+    return poll_for(poll_timeout_ms);
+}
+
+int RPC2Stream::poll_for(int ms)
+{
     if (ssl_sock && SSL_pending(ssl_sock) > 0)
         return 0;
     errno = 0;
     pollfd p{sc, POLLIN | POLLERR | POLLHUP, 0};
-    const int r = ::poll(&p, 1, poll_timeout_ms);
+    const int r = ::poll(&p, 1, ms);
     if (r == 0)
         return ec_timedout;
     if (r < 0)
@@ -136,7 +147,17 @@ int RPC2Stream::recv_packet()
         errcode = ec_inval;
         return ec_inval;
     }
-    const int pr = poll();
+    // A bounded stream starts a packet only before its deadline and while
+    // not cancelled; either way nothing that arrived yet reads as "not yet".
+    int pr;
+    if (bounded()) {
+        const int ms = round_ms();
+        if (ms < 0)
+            return ec_inval;
+        pr = poll_for(ms);
+    } else {
+        pr = poll();
+    }
     if (pr == ec_timedout)
         return ec_timedout;
     if (pr < 0) {
@@ -144,12 +165,8 @@ int RPC2Stream::recv_packet()
         errcode = ec_inval;
         return ec_inval;
     }
-    if (recv(buf, 4) != 4) {
-        ERR_print_errors_fp(stderr);
-        flags |= ef_session;
-        errcode = ec_inval;
-        return ec_inval;
-    }
+    if (const int n = recv(buf, 4); n != 4)
+        return short_read(n);
     rp_in.parse_header(buf, 4);
     const int size = rp_in.size();
     // Size 0 (fragmented) and sizes below the header's own cannot be read
@@ -159,11 +176,9 @@ int RPC2Stream::recv_packet()
         errcode = ec_inval;
         return ec_inval;
     }
-    if (size > 4 && recv(buf + 4, size - 4) != size - 4) {
-        ERR_print_errors_fp(stderr);
-        flags |= ef_session;
-        errcode = ec_inval;
-        return ec_inval;
+    if (size > 4) {
+        if (const int n = recv(buf + 4, size - 4); n != size - 4)
+            return short_read(n);
     }
     if (rp_in.parse(buf, size) != size) {
         flags |= ef_session;
@@ -171,6 +186,17 @@ int RPC2Stream::recv_packet()
         return ec_inval;
     }
     return ec_ok;
+}
+
+int RPC2Stream::short_read(int n)
+{
+    // A deadline or cancellation that ended the read has recorded its reason.
+    if (n != -ec_timedout && n != -ec_pipe) {
+        ERR_print_errors_fp(stderr);
+        flags |= ef_session;
+        errcode = ec_inval;
+    }
+    return ec_inval;
 }
 
 int RPC2Stream::listen()

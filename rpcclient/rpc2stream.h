@@ -16,6 +16,7 @@ typedef struct ssl_ctx_st SSL_CTX;
 namespace ZEL {
 
 class RPCServer;
+class RPCClient;
 
 class RPC2Stream {
 public:
@@ -113,12 +114,36 @@ public:
     std::string user_ip_str() const;
 
 private:
+    // The session drops a bounded stream without waiting (stop_waiting).
+    friend class RPCClient;
+
     int __ssl_bind(SSL_CTX* ctx, int type);
     // Bounded mode: waits for the socket to be ready, at most until the
     // deadline; 0, or ec_timedout / ec_pipe with the flags recorded.
     int wait_ready(short events);
     bool bounded() const { return _nonblocking; }
     void make_nonblocking();
+    // Bounded mode: the length of the next poll round in ms, or -1 with the
+    // failure recorded when the cancel flag is set or the deadline passed.
+    int round_ms();
+    // Waits at most ms for input (or input the TLS layer already holds):
+    // 0, ec_timedout when none came, negative on a hang-up or error.
+    int poll_for(int ms);
+    // Bounded transfers. recv: len, a short count when the peer closed,
+    // -ec_timedout or -ec_pipe whenever a bound ended it. send: len, a
+    // short count, or negative when nothing went out (-ec_timedout or
+    // -ec_pipe when a bound stopped it).
+    int recv_polled(char* data, int len);
+    int send_polled(const char* data, int len);
+    // After an SSL call failed with ssl_error: 0 when it may be retried
+    // (bounded mode, the socket became ready), otherwise nonzero.
+    int ssl_wait(int ssl_error);
+    int ssl_handshake(bool client);
+    // A receive that came back short: records why, returns ec_inval.
+    int short_read(int n);
+    // From now on every wait fails at once; transfers that need no wait
+    // still go through. Used for a best-effort goodbye.
+    void stop_waiting();
     int refill();
     int get32(ui32& raw);
     int get64(ui64& raw);

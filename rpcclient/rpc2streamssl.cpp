@@ -43,24 +43,32 @@ int RPC2Stream::__ssl_bind(SSL_CTX* ctx, int type)
 
 int RPC2Stream::__ssl_connect()
 {
-    SigpipeGuard quiet;
-    ERR_clear_error();
-    const int r = SSL_connect(ssl_sock);
-    if (SSL_get_error(ssl_sock, r) != SSL_ERROR_NONE)
-        return ec_access;
-    return 0;
+    return ssl_handshake(true);
 }
 
 int RPC2Stream::__ssl_accept(SSL_CTX* ctx, int type)
 {
     if (!ctx || __ssl_bind(ctx, type) != 0)
         return ec_inval;
+    return ssl_handshake(false);
+}
+
+int RPC2Stream::ssl_handshake(bool client)
+{
+    if (!ssl_sock)
+        return ec_inval;
     SigpipeGuard quiet;
-    ERR_clear_error();
-    const int r = SSL_accept(ssl_sock);
-    if (SSL_get_error(ssl_sock, r) != SSL_ERROR_NONE)
-        return ec_access;
-    return 0;
+    // A blocking socket finishes the handshake in one call; a bounded
+    // stream waits for the socket between steps until its deadline.
+    for (;;) {
+        ERR_clear_error();
+        const int r = client ? SSL_connect(ssl_sock) : SSL_accept(ssl_sock);
+        const int e = SSL_get_error(ssl_sock, r);
+        if (e == SSL_ERROR_NONE)
+            return 0;
+        if (ssl_wait(e) != 0)
+            return ec_access;
+    }
 }
 
 int RPC2Stream::ssl_shutdown()
@@ -73,6 +81,7 @@ int RPC2Stream::__ssl_shutdown()
     if (!ssl_sock)
         return -1;
     SigpipeGuard quiet;
+    // Quiet: no closing alert is sent or awaited, so this never waits.
     SSL_set_quiet_shutdown(ssl_sock, 1);
     int r = SSL_shutdown(ssl_sock);
     if (r == 0)
