@@ -3,14 +3,10 @@
 
 #include <cstdio>
 #include <cstring>
-#include <fcntl.h>
 #include <memory>
 #include <netdb.h>
-#include <netinet/tcp.h>
 #include <new>
 #include <openssl/evp.h>
-#include <sys/socket.h>
-#include <unistd.h>
 
 namespace ZEL {
 
@@ -45,6 +41,11 @@ bool attr16(RPC2Packet& p, int code, unsigned char* out)
     std::memcpy(out, b, 16);
     return true;
 }
+
+struct CallBoundEnd {
+    RPC2Stream& stream;
+    ~CallBoundEnd() { stream.set_timeout(0); }
+};
 
 bool is_greeting(RPC2Stream& s)
 {
@@ -88,8 +89,13 @@ RPCClient::RPCClient(const char* host, int port) : RPCClient()
 
 RPCClient::RPCClient(const RPCClient& other)
     : _rst(nullptr), _serv(other._serv), _sock(0), _connected(0), _user(other._user), _pass(other._pass),
-      _service(other._service), _ssl_type(other._ssl_type)
+      _service(other._service), _ssl_type(other._ssl_type), _connect_ms(other._connect_ms),
+      _login_ms(other._login_ms), _call_ms(other._call_ms),
+      _keepalive{other._keepalive[0], other._keepalive[1], other._keepalive[2]}
 {
+    // A copy is a client configured alike, bounds and cancel flag included.
+    if (other._cancel)
+        set_cancel(other._cancel);
 }
 
 RPCClient::~RPCClient()
@@ -146,74 +152,52 @@ int RPCClient::_key_print(const unsigned char* key, char* out)
     return 0;
 }
 
-int RPCClient::connect()
-{
-    if (_connected)
-        return 0;
-    int s = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    if (s < 0) {
-        _sock = 0;
-        return ec_inval;
-    }
-    if (s == 0) {
-        // 0 means "no socket" here; keep the connection on another number.
-        const int moved = ::fcntl(s, F_DUPFD_CLOEXEC, 3);
-        ::close(s);
-        if (moved < 0) {
-            _sock = 0;
-            return ec_inval;
-        }
-        s = moved;
-    }
-    if (::connect(s, reinterpret_cast<const sockaddr*>(&_serv), sizeof _serv) != 0) {
-        ::close(s);
-        _sock = 0;
-        _connected = 0;
-        return ec_inval;
-    }
-    // Requests are single small packets answered at once.
-    const int one = 1;
-    ::setsockopt(s, IPPROTO_TCP, TCP_NODELAY, &one, sizeof one);
-    _sock = s;
-    _connected = 1;
-    _rst.sock(s);
-    return 0;
-}
-
-int RPCClient::disconnect()
-{
-    if (_sock > 0)
-        ::close(_sock);
-    _sock = 0;
-    _connected = 0;
-    _rst.sock(0);
-    return 0;
-}
-
 RPCClient& RPCClient::send(const RPC2Packet& p)
 {
     _rst << p;
     return *this;
 }
 
+int RPCClient::login_failed(int result, int reason)
+{
+    // A bound that passed or a cancellation is the reason, whatever it left.
+    if (_rst.timed_out())
+        reason = ec_timedout;
+    else if (_rst.bad() && _rst.error() == ec_pipe)
+        reason = ec_pipe;
+    _last_error = reason;
+    _rst.set_timeout(0);
+    return result;
+}
+
+int RPCClient::login_done()
+{
+    _rst.set_timeout(0);
+    _last_error = 0;
+    return 0;
+}
+
 int RPCClient::await_greeting()
 {
     if (connect() != 0)
         return ec_inval;
+    _rst.set_timeout(_login_ms);
     _rst.listen();
     if (!is_greeting(_rst)) {
         disconnect();
-        return ec_badmsg;
+        return login_failed(ec_badmsg, ec_badmsg);
     }
     return 0;
 }
 
 int RPCClient::send_request(const RPC2Packet& request)
 {
+    // The request and the wait for its answer share one bound.
+    _rst.set_timeout(_login_ms);
     _rst << request;
     if (_rst.bad()) {
         disconnect();
-        return ec_inval;
+        return login_failed(ec_inval, ec_pipe);
     }
     return 0;
 }
@@ -226,7 +210,7 @@ int RPCClient::open_session(unsigned long client_ip)
     unsigned char skey[16];
     // Without a proper key the connection is deliberately left open.
     if (!attr16(greeting, ra_key, skey))
-        return ec_badmsg;
+        return login_failed(ec_badmsg, ec_badmsg);
     _sk = skey;
 
     unsigned char challenge[16];
@@ -281,25 +265,33 @@ int RPCClient::login_answer(const RPC2::key128_t* accepted_key)
     RPC2Packet& answer = _rst.packet();
     if (answer.code() == rc_access_reject) {
         disconnect();
-        return ec_access;
+        return login_failed(ec_access, ec_access);
     }
     if (_rst.bad() || answer.code() != rc_access_accept) {
         disconnect();
-        return ec_badmsg;
+        return login_failed(ec_badmsg, ec_badmsg);
     }
     if (accepted_key)
         _sk = *accepted_key;
     // The server's value decides, not the one requested.
     int ssl = 0;
-    if (answer.get_attr(ra_ssl_request, ssl) == ec_ok && ssl != rsr_ssl_none)
-        return _rst.ssl_connect(ssl);
-    return 0;
+    if (answer.get_attr(ra_ssl_request, ssl) == ec_ok && ssl != rsr_ssl_none) {
+        // The handshake has a bound of its own.
+        _rst.set_timeout(_login_ms);
+        if (const int r = _rst.ssl_connect(ssl))
+            return login_failed(r, ec_access);
+    }
+    return login_done();
 }
 
 int RPCClient::end_session(int termination)
 {
     if (!_connected)
         return ec_inval;
+    // A bounded session leaves without waiting: the goodbye goes out only
+    // if the socket takes it at once.
+    if (_rst.bounded())
+        _rst.stop_waiting();
     RPC2Packet p;
     p.code(rc_session_termination);
     p.put(ra_termination, termination);
@@ -307,6 +299,7 @@ int RPCClient::end_session(int termination)
     if (_ssl_type != rsr_ssl_none)
         _rst.ssl_shutdown();
     disconnect();
+    _rst.set_timeout(0);
     return 0;
 }
 
@@ -324,12 +317,15 @@ int RPCClient::_call(int function)
 {
     if (!_connected)
         return ec_inval;
+    // The whole call, up to end_call, shares one bound (none when 0).
+    _rst.set_timeout(_call_ms);
     RPC2Packet p;
     p.code(rc_session_call);
     p.put(ra_call, function);
     _rst << p;
     if (_rst.bad()) {
         disconnect();
+        _rst.set_timeout(0);
         return ec_pipe;
     }
     _rst.end_input();
@@ -343,6 +339,8 @@ int RPCClient::_call(int function)
 
 int RPCClient::end_call()
 {
+    // The call's bound ends with the call, however it ends.
+    const CallBoundEnd bound_end{_rst};
     RPC2Packet& p = _rst.packet();
     while (p.code() == 0 || p.code() == rc_session_data) {
         if (p.find(ra_termination))

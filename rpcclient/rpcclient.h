@@ -99,6 +99,11 @@ private:
     // Reads the answer to a login request; a restore passes the key that
     // becomes the session's on acceptance.
     int login_answer(const RPC2::key128_t* accepted_key = nullptr);
+    // Records why a login failed (reason, unless a bound passed or the
+    // cancel flag ended it) and returns result.
+    int login_failed(int result, int reason);
+    // Disarms the login's bound and clears the last error; returns 0.
+    int login_done();
     int end_session(int termination);
 
     RPC2::key128_t _sk;
