@@ -93,11 +93,22 @@ int MiniClient::connect()
     delete client;
     client = new ZEL::RPCClient();
     client->set_auth(login.c_str(), password.c_str());
-    if (client->addr(address.c_str(), static_cast<short>(port)) != 0)
+    lastError = 0;
+    if (const int r = client->addr(address.c_str(), static_cast<short>(port))) {
+        lastError = r;
         return rcBadAddress;
+    }
     client->ssl_ssl3();
-    if (client->open_session(0) != 0)
+    client->set_connect_timeout(connectTimeoutMs);
+    client->set_timeout(loginTimeoutMs);
+    client->set_call_timeout(callTimeoutMs);
+    // A server that vanished is noticed between refreshes.
+    client->set_keepalive(60, 10, 3);
+    client->set_cancel(&cancelRequested);
+    if (client->open_session(0) != 0) {
+        lastError = client->last_error();
         return rcSessionFailed;
+    }
     connected = true;
     return rcOk;
 }
@@ -171,11 +182,10 @@ int MiniClient::refreshPrepaid()
     return rc;
 }
 
-int MiniClient::refreshMessages(long& lastCheck, bool& gotNew)
+int MiniClient::readMessages(long& lastCheck, unsigned int& count,
+                             std::vector<MessageCollector::ZELMessage>* keep)
 {
-    gotNew = false;
-    unsigned int count = 0;
-    const int rc = runCall(*this, fnMessages, [this, &lastCheck, &count](RPC2Stream& s) {
+    return runCall(*this, fnMessages, [&](RPC2Stream& s) {
         // Messages from the second after the last check.
         check(s.data_put<long>(lastCheck + 1));
         client->end_output();
@@ -183,22 +193,43 @@ int MiniClient::refreshMessages(long& lastCheck, bool& gotNew)
         check(s.data_get(count));
         // Read one by one: the count is the server's word, not a size to trust.
         for (unsigned int i = 0; i < count; ++i) {
+            MessageCollector::ZELMessage m;
             const int time = readValue<int>(s);
             readValue<int>(s); // a second number the client has no use for
-            std::string subject = readBlock(s);
-            std::string text = readBlock(s);
-            std::string date = convertTimeToString(time);
-            if (messageCollector)
-                messageCollector->insertMessage(subject, text, date);
+            m.subject = readBlock(s);
+            m.text = readBlock(s);
+            m.date = convertTimeToString(time);
+            if (keep)
+                keep->push_back(std::move(m));
+            else if (messageCollector)
+                messageCollector->insertMessage(m.subject, m.text, m.date);
         }
     });
-    if (rc != rcOk)
+}
+
+int MiniClient::refreshMessages(long& lastCheck, bool& gotNew)
+{
+    gotNew = false;
+    unsigned int count = 0;
+    if (const int rc = readMessages(lastCheck, count, nullptr))
         return rc;
     gotNew = count != 0;
     // The store writes itself after every completed retrieval, so deletions
     // made in the dialog reach the file too.
     if (messageCollector)
         messageCollector->synchronize(true);
+    return rcOk;
+}
+
+int MiniClient::fetchMessages(long& lastCheck, std::vector<MessageCollector::ZELMessage>& received)
+{
+    long newCheck = lastCheck;
+    unsigned int count = 0;
+    std::vector<MessageCollector::ZELMessage> got;
+    if (const int rc = readMessages(newCheck, count, &got))
+        return rc;
+    lastCheck = newCheck;
+    received = std::move(got);
     return rcOk;
 }
 

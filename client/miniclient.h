@@ -4,6 +4,9 @@
 #ifndef ZEL5_MINICLIENT_H
 #define ZEL5_MINICLIENT_H
 
+#include "messagecollector.h"
+
+#include <atomic>
 #include <list>
 #include <string>
 #include <vector>
@@ -11,7 +14,6 @@
 namespace ZEL {
 class RPCClient;
 }
-class MessageCollector;
 
 class MiniClient {
 public:
@@ -60,9 +62,28 @@ public:
     int refreshInternetStatus();
     int refreshPrepaid();
     int refreshMessages(long& lastCheck, bool& gotNew);
+    // The same retrieval, all or nothing, without touching the store: on
+    // success the messages in server order and the server's new last check
+    // time; on failure neither argument changes, so the next retrieval asks
+    // again from the same time and nothing is lost or received twice.
+    int fetchMessages(long& lastCheck, std::vector<MessageCollector::ZELMessage>& received);
     std::string convertTimeToString(long time);
     void setMessageCollector(MessageCollector* collector);
     bool setCoreDisconnectHook(bool switchOffOnExit);
+
+    // Cuts the exchange under way short (within 50 ms) and every later one
+    // until clearCancel. Safe from any thread.
+    void cancel() { cancelRequested.store(true, std::memory_order_release); }
+    void clearCancel() { cancelRequested.store(false, std::memory_order_release); }
+
+    // Bounds of the session's waits, set on every connect: the TCP connect,
+    // each wait of the login, and a whole call's reply.
+    int connectTimeoutMs = 10000;
+    int loginTimeoutMs = 15000;
+    int callTimeoutMs = 30000;
+    // Why the last connect failed, errno-style (0 after success); with
+    // connect's own codes it tells a refused login from a silent server.
+    int lastError = 0;
 
     ZEL::RPCClient* client = nullptr;
     bool connected = false;
@@ -77,6 +98,11 @@ public:
     std::string requiredVersion;
     ServiceList* services;
     MessageCollector* messageCollector = nullptr;
+
+private:
+    int readMessages(long& lastCheck, unsigned int& count, std::vector<MessageCollector::ZELMessage>* keep);
+
+    std::atomic<bool> cancelRequested{false};
 };
 
 #endif

@@ -162,6 +162,13 @@ void MessageCollector::prevMessage()
         --current;
 }
 
+bool MessageCollector::contains(const ZELMessage& m) const
+{
+    return std::any_of(messages.begin(), messages.end(), [&m](const ZELMessage& x) {
+        return x.date == m.date && x.subject == m.subject && x.text == m.text;
+    });
+}
+
 bool MessageCollector::empty() const
 {
     return messages.empty();

@@ -33,6 +33,8 @@ public:
     void nextMessage();
     void prevMessage();
     bool empty() const;
+    // Whether a message with the same date, subject and text is stored.
+    bool contains(const ZELMessage& m) const;
 
     static bool readString(std::istream& in, std::string& s);
     static bool writeString(std::ostream& out, const std::string& s);
