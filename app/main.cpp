@@ -3,12 +3,9 @@
 
 #include <QApplication>
 #include <QCommandLineParser>
-#include <QDeadlineTimer>
-#include <QEventLoop>
 #include <QLocale>
 #include <QSocketNotifier>
 #include <QSystemTrayIcon>
-#include <QTimer>
 #include <QTranslator>
 
 #include <csignal>
@@ -17,11 +14,6 @@
 #include <unistd.h>
 
 namespace {
-
-// How long to wait at start for a system tray to appear (the desktop may
-// still be starting its panel), and how often to look.
-const int trayWaitMs = 30000;
-const int trayPollMs = 250;
 
 // A termination signal is turned into a byte on this socket pair so that the
 // event loop, not the signal handler, ends the program and settings and
@@ -55,19 +47,6 @@ void quitOnTerminationSignals(QApplication& app, bool& terminated)
         ::sigaction(sig, &action, nullptr);
 }
 
-bool waitForSystemTray(const bool& terminated)
-{
-    const QDeadlineTimer deadline(trayWaitMs);
-    while (!QSystemTrayIcon::isSystemTrayAvailable()) {
-        if (deadline.hasExpired() || terminated)
-            return false;
-        QEventLoop loop;
-        QTimer::singleShot(trayPollMs, &loop, &QEventLoop::quit);
-        loop.exec();
-    }
-    return true;
-}
-
 } // namespace
 
 int main(int argc, char** argv)
@@ -92,10 +71,9 @@ int main(int argc, char** argv)
 
     bool terminated = false;
     quitOnTerminationSignals(app, terminated);
-    if (!waitForSystemTray(terminated) && !terminated)
+    // Without a tray host the program runs on; the icon shows when one starts.
+    if (!QSystemTrayIcon::isSystemTrayAvailable())
         std::fprintf(stderr, "zel5_tray: no system tray found; the icon shows when one starts.\n");
-    if (terminated)
-        return 0;
 
     ZEL5TrayApp::instance()->init();
     const int result = terminated ? 0 : QApplication::exec();

@@ -3,18 +3,20 @@
 #include "config.h"
 #include "filefinderqt.h"
 #include "messagecollector.h"
-#include "miniclient.h"
-#include "trytoconnectthread.h"
 #include "zel5icon.h"
 
-#include <QDeadlineTimer>
 #include <QMutex>
+#include <QSystemTrayIcon>
+#include <QTimer>
 #include <QTimerEvent>
 
 namespace {
-// How long shut-down waits for a connection attempt that is still running
-// before it leaves the billing client to it.
-const int shutdownWaitMs = 3000;
+// How long shut-down waits for the worker to give up its exchange. The
+// exchange is cancelled first, so this only covers a name lookup that
+// cannot be interrupted; then the process ends without waiting for it.
+const int shutdownWaitMs = 500;
+// How often to look for a tray host while there is none.
+const int trayWatchMs = 1000;
 }
 
 ZEL5TrayApp* ZEL5TrayApp::_app = nullptr;
@@ -39,20 +41,19 @@ int ZEL5TrayApp::init()
     _cfg = new Config<QString>;
     _cfg->init();
 
-    thread = new TryToConnectThread;
-    connect(thread, &QThread::finished, this, &ZEL5TrayApp::attemptFinished);
-
     fileFinder = new FileFinderQT;
     _messageCollector = new MessageCollector(fileFinder);
 
     _miniClient = new MiniClient;
     _miniClient->setMessageCollector(_messageCollector);
+    configureClient(*_miniClient);
+    thread = new TryToConnectThread(_miniClient, this);
 
     icon = new ZEL5Icon;
     icon->init();
-    // The menu may open before the first report arrives; it then shows the
-    // client's empty list.
-    icon->reports = _miniClient->services;
+    // The menu may open before the first report arrives; it then shows an
+    // empty one.
+    icon->reports = &reports;
 
     connect(icon, &ZEL5Icon::viewAboutSelected, this, &ZEL5TrayApp::showAbout);
     connect(icon, &ZEL5Icon::configureAppSelected, this, &ZEL5TrayApp::showSettings);
@@ -72,6 +73,7 @@ int ZEL5TrayApp::init()
     prepaidStale = true;
     tryToConnect();
     runTimer();
+    watchForTray();
     return 0;
 }
 
@@ -81,21 +83,25 @@ int ZEL5TrayApp::deinit()
         killTimer(timerId);
         timerId = -1;
     }
+    // Cut the exchange under way short; what was received before the quit
+    // still reaches the store and the settings.
+    const bool workerStopped = !thread || thread->stop(shutdownWaitMs);
+    takeOutcomesLeft();
+    storePendingMessages();
     if (_cfg)
         _cfg->_save(_cfg->saveSettings);
 
+    delete trayWatch;
+    trayWatch = nullptr;
     delete icon;
     icon = nullptr;
 
-    if (_miniClient) {
-        const bool workerDone = !thread || !thread->busy() || thread->wait(QDeadlineTimer(shutdownWaitMs));
-        if (workerDone) {
-            _miniClient->disconnect();
-            delete _miniClient;
-            _miniClient = nullptr;
-        }
-        // Otherwise an attempt still hangs in the client: it stays with the
-        // worker, and the process ends without it.
+    // A worker stuck in a name lookup keeps the client; the process ends
+    // without it.
+    if (_miniClient && workerStopped) {
+        _miniClient->disconnect();
+        delete _miniClient;
+        _miniClient = nullptr;
     }
 
     delete _messageCollector;
@@ -123,12 +129,15 @@ void ZEL5TrayApp::timerEvent(QTimerEvent*)
 
 void ZEL5TrayApp::processTimer()
 {
-    if (!clientConnected()) {
-        tryToConnect();
-    } else {
-        bool newMessages = false;
-        processTimerRefresh(newMessages);
-        displayUpdates(newMessages);
+    // A tick that finds an exchange under way is skipped: ticks never pile
+    // up behind a slow server.
+    if (!thread->busy()) {
+        if (!clientConnected()) {
+            tryToConnect();
+        } else {
+            bool newMessages = false;
+            processTimerRefresh(newMessages);
+        }
     }
     // The report is read again only when the menu next opens.
     prepaidStale = true;
@@ -136,82 +145,163 @@ void ZEL5TrayApp::processTimer()
 
 void ZEL5TrayApp::processTimerRefresh(bool& newMessages)
 {
-    _miniClient->refreshInternetStatus();
-    long lastCheck = _cfg->lastMessageCheck;
-    _miniClient->refreshMessages(lastCheck, newMessages);
-    _cfg->lastMessageCheck = static_cast<int>(lastCheck);
+    // The results, new messages included, come with the outcome.
+    newMessages = false;
+    submit(TryToConnectThread::Status | TryToConnectThread::Messages);
 }
 
 void ZEL5TrayApp::tryToConnect()
 {
-    // Guards only the act of starting; the worker itself refuses a second
-    // attempt while one runs.
+    // Guards only the act of starting; the worker runs one request at a time.
     static QMutex startMutex;
     if (clientConnected())
         return;
+    if (thread->busy()) {
+        // Tried again as soon as the exchange under way is over.
+        reconnectPending = true;
+        return;
+    }
     if (!startMutex.tryLock())
         return;
-    TryToConnectThread::Settings settings;
-    settings.address = _cfg->address;
-    settings.port = _cfg->port;
-    settings.login = _cfg->login;
-    settings.password = _cfg->password;
-    if (thread->startAttempt(settings))
-        reconnectPending = false;
+    unsigned steps = TryToConnectThread::Connect | TryToConnectThread::Status | TryToConnectThread::Messages;
+    if (firstTimeConnect && _cfg->switchInternetOnStart)
+        steps |= TryToConnectThread::SwitchIfOff;
+    if (prepaidStale) {
+        prepaidStale = false;
+        steps |= TryToConnectThread::Prepaid;
+    }
+    reconnectPending = false;
+    submit(steps);
     startMutex.unlock();
+}
+
+void ZEL5TrayApp::submit(unsigned steps)
+{
+    TryToConnectThread::Request request;
+    request.steps = steps;
+    request.settings.address = _cfg->address;
+    request.settings.port = _cfg->port;
+    request.settings.login = _cfg->login;
+    request.settings.password = _cfg->password;
+    // Messages held for the open dialog already count as received.
+    request.lastCheck = heldLastCheck >= 0 ? heldLastCheck : _cfg->lastMessageCheck;
+    request.switchOffOnExit = _cfg->switchInternetOnExit;
+    request.generation = generation;
+    thread->submit(request);
 }
 
 void ZEL5TrayApp::customEvent(QEvent* event)
 {
-    // After shut-down (no icon) a late notice has nothing left to update.
-    if (event->type() != TryToConnectThread::ConnectedEvent || !icon)
+    if (event->type() != TryToConnectThread::ConnectedEvent && event->type() != TryToConnectThread::ExchangeEvent)
         return;
-    // A notice can be overtaken: the session it announced may be gone by
-    // now, or a newer attempt may be running.
-    if (!clientConnected())
+    // After shut-down the outcomes were taken already.
+    if (!icon || !thread || !thread->takeOutcome(current))
         return;
-    if (reconnectPending) {
-        _miniClient->disconnect();
-        displayUpdates(false);
-        return;
-    }
-    processConnection();
+    applyOutcome(current);
 }
 
-void ZEL5TrayApp::attemptFinished()
+void ZEL5TrayApp::applyOutcome(TryToConnectThread::Outcome& outcome)
 {
-    if (reconnectPending && icon)
+    bool newMessages = false;
+    if (outcome.messagesRead) {
+        if (messagesDialogOpen) {
+            heldMessages.insert(heldMessages.end(), outcome.messages.begin(), outcome.messages.end());
+            heldLastCheck = outcome.lastCheck;
+        } else {
+            newMessages = storeMessages(outcome.messages, outcome.lastCheck);
+        }
+    }
+    // A request made before the settings changed tells nothing about the
+    // session the new settings open.
+    if (outcome.generation == generation) {
+        applyState(outcome);
+        if (outcome.connectResult == MiniClient::rcOk)
+            processConnection();
+        else
+            displayUpdates(newMessages);
+    }
+    if (reconnectPending && !thread->busy())
         tryToConnect();
+}
+
+void ZEL5TrayApp::applyState(TryToConnectThread::Outcome& outcome)
+{
+    view.connected = outcome.connected;
+    view.internetStatus = outcome.internetStatus;
+    view.balance = outcome.balance;
+    if (outcome.prepaidRead) {
+        reports.swap(outcome.services);
+        view.sizeDivisor = outcome.sizeDivisor;
+        icon->reports = &reports;
+        icon->sizeDivisor = static_cast<double>(view.sizeDivisor);
+        icon->rebuildTrafficMenu();
+    } else if ((outcome.steps & TryToConnectThread::Prepaid) && !outcome.connected) {
+        // Not read for want of a session: read it with the next one.
+        prepaidStale = true;
+    }
 }
 
 void ZEL5TrayApp::processConnection()
 {
-    bool newMessages = false;
-    processTimerRefresh(newMessages);
-    if (firstTimeConnect && _cfg->switchInternetOnStart && _miniClient->internetStatus == 0) {
-        _miniClient->changeInternetStatus();
-        _miniClient->refreshInternetStatus();
-    }
-    setCoreDisconnectHook();
-    updatePrepaid();
-    displayUpdates(newMessages);
+    // The worker has already refreshed the session, switched internet on
+    // if asked, set the disconnect hook and read the report; show it.
+    displayUpdates(current.messagesRead && !current.messages.empty());
     firstTimeConnect = false;
 }
 
-void ZEL5TrayApp::setCoreDisconnectHook()
+bool ZEL5TrayApp::storeMessages(std::vector<MessageCollector::ZELMessage>& messages, long lastCheck)
 {
-    _miniClient->setCoreDisconnectHook(_cfg->switchInternetOnExit);
+    if (!_messageCollector || !_cfg)
+        return false;
+    // A store saved just before a crash may hold messages whose time stamp
+    // was not saved yet; they come again and are kept once.
+    bool added = false;
+    for (MessageCollector::ZELMessage& m : messages) {
+        if (_messageCollector->contains(m))
+            continue;
+        _messageCollector->insertMessage(m.subject, m.text, m.date);
+        added = true;
+    }
+    _messageCollector->synchronize(true);
+    // The time stamp follows the store at once, whatever "Save settings" says.
+    if (lastCheck != _cfg->lastMessageCheck) {
+        _cfg->lastMessageCheck = static_cast<int>(lastCheck);
+        _cfg->_save(false);
+    }
+    return added;
+}
+
+void ZEL5TrayApp::storePendingMessages()
+{
+    if (heldLastCheck < 0)
+        return;
+    const bool added = storeMessages(heldMessages, heldLastCheck);
+    heldMessages.clear();
+    heldLastCheck = -1;
+    if (added && icon)
+        icon->setNotify(true);
+}
+
+void ZEL5TrayApp::takeOutcomesLeft()
+{
+    if (!thread)
+        return;
+    TryToConnectThread::Outcome outcome;
+    while (thread->takeOutcome(outcome)) {
+        if (!outcome.messagesRead)
+            continue;
+        heldMessages.insert(heldMessages.end(), outcome.messages.begin(), outcome.messages.end());
+        heldLastCheck = outcome.lastCheck;
+    }
 }
 
 void ZEL5TrayApp::updatePrepaid()
 {
-    // While an attempt runs the report stays due and is read next time.
-    if (!prepaidStale || thread->busy())
+    // Offline the last report stays shown and is read with the next session.
+    if (!prepaidStale || !clientConnected())
         return;
     prepaidStale = false;
-    _miniClient->refreshPrepaid();
-    icon->reports = _miniClient->services;
-    icon->sizeDivisor = static_cast<double>(_miniClient->sizeDivisor);
+    submit(TryToConnectThread::Prepaid);
 }
 
 void ZEL5TrayApp::updateMenuAndPrepaid()
@@ -224,8 +314,8 @@ void ZEL5TrayApp::displayUpdates(bool newMessages)
 {
     if (clientConnected()) {
         icon->setOnlineStatus(true);
-        icon->setInternetStatus(_miniClient->internetStatus != 0);
-        icon->setTooltip(tr("Balance: %1").arg(_miniClient->balance, 0, 'f', 2));
+        icon->setInternetStatus(view.internetStatus != 0);
+        icon->setTooltip(tr("Balance: %1").arg(view.balance, 0, 'f', 2));
     } else {
         icon->setOnlineStatus(false);
         icon->setTooltip(QString());
@@ -236,16 +326,25 @@ void ZEL5TrayApp::displayUpdates(bool newMessages)
 
 void ZEL5TrayApp::changeInternetStatus()
 {
-    if (clientConnected()) {
-        _miniClient->changeInternetStatus();
-        _miniClient->refreshInternetStatus();
-    }
-    displayUpdates(false);
+    // Queued behind an exchange under way; the outcome shows the new state.
+    if (clientConnected())
+        submit(TryToConnectThread::Switch);
+    else
+        displayUpdates(false);
 }
 
-bool ZEL5TrayApp::clientConnected() const
+void ZEL5TrayApp::watchForTray()
 {
-    // An attempt under way means "not connected yet"; the flag is checked
-    // first so that the client is not read while the worker writes it.
-    return !thread->busy() && _miniClient->connected;
+    if (QSystemTrayIcon::isSystemTrayAvailable())
+        return;
+    // Shown again once a tray host appears, so the icon registers with it.
+    trayWatch = new QTimer(this);
+    connect(trayWatch, &QTimer::timeout, this, [this] {
+        if (!QSystemTrayIcon::isSystemTrayAvailable() || !icon)
+            return;
+        trayWatch->stop();
+        icon->hide();
+        icon->show();
+    });
+    trayWatch->start(trayWatchMs);
 }

@@ -1,8 +1,13 @@
 // The application's one coordinating object: creates the long-lived objects,
 // wires the tray icon to its slots, runs the refresh cycle and tears
-// everything down after the event loop ends.
+// everything down after the event loop ends. The billing traffic itself runs
+// on the connection worker; this object hands it requests and applies what
+// comes back, so the interface never waits on the network.
 #ifndef ZEL5_ZEL5TRAYAPP_H
 #define ZEL5_ZEL5TRAYAPP_H
+
+#include "miniclient.h"
+#include "trytoconnectthread.h"
 
 #include <QObject>
 #include <QString>
@@ -10,12 +15,10 @@
 template <class TString>
 class Config;
 class FileFinder;
-class MessageCollector;
-class MiniClient;
 class QDialog;
 class QEvent;
+class QTimer;
 class QTimerEvent;
-class TryToConnectThread;
 class ZEL5Icon;
 
 class ZEL5TrayApp : public QObject {
@@ -35,12 +38,20 @@ public:
     void processConnection();
     void displayUpdates(bool newMessages);
     void updatePrepaid();
-    void setCoreDisconnectHook();
 
     static ZEL5TrayApp* _app;
     static Config<QString>* _cfg;
     static MiniClient* _miniClient;
     static MessageCollector* _messageCollector;
+
+    // What the interface knows of the account: the last outcome's values.
+    struct AccountView {
+        bool connected = false;
+        int internetStatus = 0;
+        double balance = 0.0;
+        int sizeDivisor = 0;
+    };
+    const AccountView& account() const { return view; }
 
 protected slots:
     void showAbout();
@@ -57,14 +68,15 @@ protected:
     void customEvent(QEvent* event) override;
     // Runs a dialog modally and returns its result.
     virtual int runDialog(QDialog& dialog);
+    // Called once the billing client exists, before the worker uses it.
+    virtual void configureClient(MiniClient&) {}
 
     bool prepaidStale = false;
     int timerId = -1;
     TryToConnectThread* thread = nullptr;
     ZEL5Icon* icon = nullptr;
     FileFinder* fileFinder = nullptr;
-    // The running attempt uses settings that the user has since changed: its
-    // session is dropped and a new attempt follows.
+    // Accepted settings wait for the worker to finish with the old ones.
     bool reconnectPending = false;
 
     // Internet access is switched on at most once per process, on the first
@@ -72,8 +84,27 @@ protected:
     static bool firstTimeConnect;
 
 private:
-    bool clientConnected() const;
-    void attemptFinished();
+    bool clientConnected() const { return view.connected; }
+    void submit(unsigned steps);
+    void applyOutcome(TryToConnectThread::Outcome& outcome);
+    void applyState(TryToConnectThread::Outcome& outcome);
+    bool storeMessages(std::vector<MessageCollector::ZELMessage>& messages, long lastCheck);
+    void storePendingMessages();
+    void takeOutcomesLeft();
+    void watchForTray();
+
+    TryToConnectThread::Outcome current; // the outcome being applied
+    AccountView view;
+    MiniClient::ServiceList reports;
+    // Raised when the settings change: outcomes of requests made before
+    // still bring their messages, but no longer the account's state.
+    int generation = 0;
+    // While the messages dialog is open its store stays as the user sees
+    // it; retrieved messages wait here with the time that goes with them.
+    bool messagesDialogOpen = false;
+    std::vector<MessageCollector::ZELMessage> heldMessages;
+    long heldLastCheck = -1;
+    QTimer* trayWatch = nullptr;
 };
 
 #endif

@@ -37,9 +37,16 @@ void ZEL5TrayApp::showNewMessages()
 
 void ZEL5TrayApp::showMessages()
 {
+    if (messagesDialogOpen)
+        return;
     MessagesDialog dialog(nullptr, nullptr, true);
     dialog.setMessageCollector(_messageCollector);
+    // Messages retrieved meanwhile wait until the user is done with the
+    // store, then arrive as after any retrieval.
+    messagesDialogOpen = true;
     runDialog(dialog);
+    messagesDialogOpen = false;
+    storePendingMessages();
 }
 
 void ZEL5TrayApp::showAbout()
@@ -59,12 +66,11 @@ void ZEL5TrayApp::showSettings()
     if (_cfg->saveSettings)
         _cfg->_save(true);
     runTimer();
-    // A running attempt still owns the client; its session is dropped when
-    // it reports back.
-    if (thread->busy())
-        reconnectPending = true;
-    else
-        _miniClient->disconnect();
+    // What runs or waits with the old settings is dropped, then the session.
+    ++generation;
+    thread->cancelAll();
+    submit(TryToConnectThread::Disconnect);
+    view.connected = false;
     displayUpdates(false);
     QTimer::singleShot(reconnectDelayMs, this, &ZEL5TrayApp::tryToConnect);
 }

@@ -139,8 +139,11 @@ void MessagesDialog::nextMessage()
 
 void MessagesDialog::deleteMessage()
 {
-    if (!storeEmpty())
+    if (!storeEmpty()) {
         collector->deleteMessage();
+        // At once: a crash before the next retrieval must not bring it back.
+        collector->synchronize(true);
+    }
     updateMessage();
 }
 

@@ -52,6 +52,9 @@ public:
     // Called before the context menu shows: lets the controller refresh the
     // report, then rebuilds the "Traffic" submenu.
     void contextMenuAboutToShow(QMenu* menu);
+    // Fills the "Traffic" submenu from `reports`; the controller calls it
+    // again when a report arrives, also while the menu is open.
+    void rebuildTrafficMenu();
 
     // State, read by the controller and the tests.
     int currentPixmap = OfflinePixmap;

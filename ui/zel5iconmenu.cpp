@@ -98,6 +98,11 @@ void ZEL5Icon::contextMenuAboutToShow(QMenu* /*menu*/)
 {
     // The controller refreshes the report while this signal is handled.
     emit menuAboutToShow();
+    rebuildTrafficMenu();
+}
+
+void ZEL5Icon::rebuildTrafficMenu()
+{
     if (!trafficMenu)
         return;
     trafficMenu->clear();
