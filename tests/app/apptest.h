@@ -44,12 +44,24 @@ public:
     ZEL5Icon* trayIcon() const { return icon; }
     TryToConnectThread* worker() const { return thread; }
     bool waitForWorker() { return thread->wait(QDeadlineTimer(10000)) && !thread->busy(); }
+    // Every request handed to the worker has come back and was applied.
+    bool settle(int ms = 10000) { return QTest::qWaitFor([this] { return !thread->busy(); }, ms); }
+    bool connected() const { return account().connected; }
+
+    // Bounds of the session's waits; short ones keep the fault tests quick.
+    int connectTimeoutMs = 10000, loginTimeoutMs = 15000, callTimeoutMs = 30000;
 
     std::function<int(QDialog&)> answer; // none: every dialog is cancelled
     QStringList dialogs;                 // class names, in order
     int connectedEvents = 0;
 
 protected:
+    void configureClient(MiniClient& client) override
+    {
+        client.connectTimeoutMs = connectTimeoutMs;
+        client.loginTimeoutMs = loginTimeoutMs;
+        client.callTimeoutMs = callTimeoutMs;
+    }
     int runDialog(QDialog& dialog) override
     {
         dialogs << QString::fromLatin1(dialog.metaObject()->className());
@@ -79,10 +91,13 @@ protected:
     void editAccount(const std::function<void(zel5sim::Account&)>& fn) { ASSERT_TRUE(sim->withAccount("anna", fn)); }
     int internetAtServer() const { zel5sim::Account a; return sim->getAccount("anna", a) ? a.internetStatus : -1; }
     ZEL5Icon* icon() const { return app->trayIcon(); }
+    bool connected() const { return app->connected(); }
     QString tooltip() const { return icon()->toolTip(); }
     void openMenu() { icon()->contextMenuAboutToShow(icon()->menu()); } // as a right click does
     bool waitOnline() { return QTest::qWaitFor([this] { return icon()->online; }, 10000); }
     bool waitTooltip(const QString& text) { return QTest::qWaitFor([&] { return tooltip() == text; }, 10000); }
+    // Runs one refresh tick and waits until its outcome was applied.
+    void tick() { app->processTimer(); ASSERT_TRUE(app->settle()) << "the tick's exchange to end"; }
 
     QTemporaryDir dir;
     std::unique_ptr<zel5sim::BillingSim> sim;

@@ -75,7 +75,7 @@ TEST_F(AppTest, ShutDownDuringAHangingAttemptReturns)
     QElapsedTimer clock;
     clock.start();
     app->deinit();
-    EXPECT_LT(clock.elapsed(), 8000);
+    EXPECT_LT(clock.elapsed(), 1000); // the attempt is cut short, not waited for
     sim->stop();
     EXPECT_TRUE(app->waitForWorker());
 }

@@ -4,7 +4,9 @@
 
 #include "messagecollector.h"
 
+#include <QAction>
 #include <QCoreApplication>
+#include <QMenu>
 #include <QDesktopServices>
 #include <QFile>
 #include <QUrl>
@@ -60,7 +62,7 @@ TEST_F(AppTest, ConnectsRefreshesReadsTheReportOncePerTickAndSavesOnShutDown)
     EXPECT_TRUE(icon()->hasMessages);
     EXPECT_EQ("Home 100", shownService(icon())); // not due yet
 
-    app->processTimer();
+    tick();
     EXPECT_EQ(QStringLiteral("Balance: -3.10"), tooltip());
     EXPECT_EQ(ZEL5Icon::InternetOffPixmap, icon()->currentPixmap);
     EXPECT_TRUE(icon()->notify);
@@ -69,10 +71,18 @@ TEST_F(AppTest, ConnectsRefreshesReadsTheReportOncePerTickAndSavesOnShutDown)
     EXPECT_GE(lastCheck, sent);
     EXPECT_EQ("Home 100", shownService(icon())); // the tick only marks it due
     openMenu();
+    EXPECT_EQ("Home 100", shownService(icon())); // the menu opens with what it has
+    ASSERT_TRUE(app->settle());
     EXPECT_EQ("Office", shownService(icon()));
+    // The open menu's "Traffic" submenu follows the report that arrived.
+    QStringList lines;
+    for (QAction* line : icon()->trafficMenu->actions())
+        lines << line->text();
+    EXPECT_TRUE(lines.join(QLatin1Char('\n')).contains(QStringLiteral("Office"))) << lines.join(QLatin1Char('\n')).toStdString();
     EXPECT_EQ(2, app->dialogs.size()); // signalled again: the menu shows them too
     editAccount([](zel5sim::Account& a) { a.services.front().name = "Third"; });
     openMenu();
+    ASSERT_TRUE(app->settle());
     EXPECT_EQ("Office", shownService(icon()));
     EXPECT_EQ(1, sim->connectionsAccepted());
     // The menu items open their dialogs whatever is signalled.
@@ -111,7 +121,7 @@ TEST_F(AppTest, SwitchOnStartActsOnceOnlyWhenOffAndTheSwitchNeedsASession)
     // Switched off meanwhile; the server drops the session on the next tick.
     editAccount([](zel5sim::Account& a) { a.internetStatus = 0; });
     sim->addFault({.kind = zel5sim::Fault::Kind::CutAfter, .function = MiniClient::fnInternetStatus});
-    app->processTimer();
+    tick();
     EXPECT_FALSE(icon()->online);
     EXPECT_TRUE(tooltip().isEmpty());
     EXPECT_EQ(ZEL5Icon::OfflinePixmap, icon()->currentPixmap);
@@ -125,6 +135,7 @@ TEST_F(AppTest, SwitchOnStartActsOnceOnlyWhenOffAndTheSwitchNeedsASession)
     EXPECT_EQ(0, internetAtServer());
     EXPECT_EQ(QStringLiteral("Balance: 12.35"), tooltip());
     emit icon()->switchInternetSelected();
+    ASSERT_TRUE(app->settle());
     EXPECT_EQ(1, internetAtServer());
     EXPECT_TRUE(icon()->internetOn);
 }
@@ -160,7 +171,7 @@ TEST_F(AppTest, SettingsCancelledChangeNothingAcceptedReconnectUnsavedLastOneRun
     ASSERT_TRUE(waitTooltip(QStringLiteral("Balance: 12.35")));
     const std::int32_t sent = std::time(nullptr);
     editAccount([&](zel5sim::Account& a) { a.messages.push_back({sent, "News", "Text"}); });
-    app->processTimer();
+    tick();
     const int lastCheck = ZEL5TrayApp::_cfg->lastMessageCheck;
     ASSERT_GE(lastCheck, sent);
     app->deinit();

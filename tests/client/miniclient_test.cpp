@@ -211,3 +211,78 @@ TEST(MiniClientRaw, ReportListsEndAtAnyMarkerButOneAndFailedReadsKeepWhatCameBef
     EXPECT_TRUE(!mc.connected && mc.sizeDivisor == 2048); // the divisor is stored as soon as it was read
     EXPECT_TRUE(mc.services == report && report->front().name == "Internet");
 }
+
+// Every call the client makes is bounded: a server that stops answering
+// costs the bound and the session, never more; a cancel cuts it shorter.
+TEST_F(MiniClientSimTest, StalledCallsEndWithinTheirBoundAndACancelEndsThemAtOnce)
+{
+    mc.callTimeoutMs = 300;
+    const std::function<int(MiniClient&)> calls[] = {
+        [](MiniClient& c) { return c.retrieveVersion() ? 0 : 7; },
+        [](MiniClient& c) { return c.changeInternetStatus(); },
+        [](MiniClient& c) { return c.refreshInternetStatus(); },
+        [](MiniClient& c) { return c.refreshPrepaid(); },
+        [this](MiniClient& c) { return c.refreshMessages(lastCheck, gotNew); },
+    };
+    for (const auto& call : calls) {
+        ASSERT_EQ(mc.connect(), 0);
+        sim.addFault({.kind = Fault::Kind::Stall}); // until the simulator stops
+        const auto start = std::chrono::steady_clock::now();
+        EXPECT_EQ(call(mc), 7);
+        const auto took = std::chrono::steady_clock::now() - start;
+        EXPECT_GE(took, std::chrono::milliseconds(250));
+        EXPECT_LT(took, std::chrono::seconds(2));
+        EXPECT_FALSE(mc.connected);
+    }
+
+    mc.callTimeoutMs = 30000;
+    ASSERT_EQ(mc.connect(), 0);
+    sim.addFault({.kind = Fault::Kind::Stall});
+    const auto start = std::chrono::steady_clock::now();
+    // Before or during the call's wait, the call ends at once (the protocol
+    // library's tests cut a wait already under way).
+    std::thread quit([this] { mc.cancel(); });
+    EXPECT_EQ(mc.refreshInternetStatus(), 7);
+    quit.join();
+    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(1));
+    // A cancelled client stays cancelled until told otherwise.
+    EXPECT_EQ(mc.connect(), MiniClient::rcSessionFailed);
+    EXPECT_EQ(mc.lastError, 32);
+    mc.clearCancel();
+    EXPECT_EQ(mc.connect(), 0);
+}
+
+// The retrieval the tray uses changes nothing unless it completes: no
+// message is half taken, none is asked for twice.
+TEST_F(MiniClientSimTest, FetchingMessagesIsAllOrNothing)
+{
+    std::vector<MessageCollector::ZELMessage> got;
+    for (int bytes : {12, 40, 90}) {
+        ASSERT_EQ(mc.connect(), 0);
+        sim.addFault({.kind = Fault::Kind::CutAfter, .function = MiniClient::fnMessages, .bytes = bytes});
+        long check = 999;
+        EXPECT_EQ(mc.fetchMessages(check, got), 7) << bytes;
+        EXPECT_TRUE(check == 999 && got.empty()) << bytes;
+    }
+    ASSERT_EQ(mc.connect(), 0);
+    long check = 999;
+    ASSERT_EQ(mc.fetchMessages(check, got), 0);
+    ASSERT_EQ(got.size(), 3u);
+    EXPECT_TRUE(check == 3000 && got[0].subject == "first" && got[2].subject == "third");
+    EXPECT_TRUE(store.empty()); // the caller decides where they go
+}
+
+// A refused login and a silent server are told apart by the reason.
+TEST_F(MiniClientSimTest, FailedConnectsSayWhy)
+{
+    mc.loginTimeoutMs = 300;
+    sim.addFault({.stage = Fault::Stage::Greeting, .kind = Fault::Kind::Stall});
+    EXPECT_EQ(mc.connect(), MiniClient::rcSessionFailed);
+    EXPECT_EQ(mc.lastError, 110);
+    mc.password = "wrong";
+    EXPECT_EQ(mc.connect(), MiniClient::rcSessionFailed);
+    EXPECT_EQ(mc.lastError, 13);
+    mc.address = "no.such.host.invalid";
+    EXPECT_EQ(mc.connect(), MiniClient::rcBadAddress);
+    EXPECT_NE(mc.lastError, 0);
+}
