@@ -1,13 +1,12 @@
 #include "zel5trayapp.h"
 
 #include "config.h"
+#include "desktopnotifier.h"
 #include "filefinderqt.h"
 #include "messagecollector.h"
 #include "zel5icon.h"
 
 #include <QMutex>
-#include <QSystemTrayIcon>
-#include <QTimer>
 #include <QTimerEvent>
 
 namespace {
@@ -15,8 +14,6 @@ namespace {
 // exchange is cancelled first, so this only covers a name lookup that
 // cannot be interrupted; then the process ends without waiting for it.
 const int shutdownWaitMs = 500;
-// How often to look for a tray host while there is none.
-const int trayWatchMs = 1000;
 }
 
 ZEL5TrayApp* ZEL5TrayApp::_app = nullptr;
@@ -71,6 +68,7 @@ int ZEL5TrayApp::init()
         showSettings();
 
     prepaidStale = true;
+    watchDesktop();
     tryToConnect();
     runTimer();
     watchForTray();
@@ -87,12 +85,18 @@ int ZEL5TrayApp::deinit()
     // still reaches the store and the settings.
     const bool workerStopped = !thread || thread->stop(shutdownWaitMs);
     takeOutcomesLeft();
-    storePendingMessages();
+    if (heldLastCheck >= 0) {
+        storeMessages(heldMessages, heldLastCheck);
+        heldMessages.clear();
+        heldLastCheck = -1;
+    }
     if (_cfg)
         _cfg->_save(_cfg->saveSettings);
 
     delete trayWatch;
     trayWatch = nullptr;
+    delete notifier;
+    notifier = nullptr;
     delete icon;
     icon = nullptr;
 
@@ -208,7 +212,10 @@ void ZEL5TrayApp::applyOutcome(TryToConnectThread::Outcome& outcome)
             heldMessages.insert(heldMessages.end(), outcome.messages.begin(), outcome.messages.end());
             heldLastCheck = outcome.lastCheck;
         } else {
-            newMessages = storeMessages(outcome.messages, outcome.lastCheck);
+            QString newest;
+            const int added = storeMessages(outcome.messages, outcome.lastCheck, &newest);
+            newMessages = added > 0;
+            tellNewMessages(added, newest);
         }
     }
     // A request made before the settings changed tells nothing about the
@@ -219,8 +226,20 @@ void ZEL5TrayApp::applyOutcome(TryToConnectThread::Outcome& outcome)
             processConnection();
         else
             displayUpdates(newMessages);
+        if (outcome.statusRead && view.connected)
+            watchBalance();
+        scheduleRetry(outcome);
+        if (reconnectIfCheckFails && !(outcome.steps & TryToConnectThread::Connect)) {
+            reconnectIfCheckFails = false;
+            if (!view.connected)
+                reconnectPending = true;
+        }
     }
-    if (reconnectPending && !thread->busy())
+    if (thread->busy())
+        return;
+    if (sessionCheckPending)
+        runSessionCheck();
+    else if (reconnectPending)
         tryToConnect();
 }
 
@@ -249,18 +268,21 @@ void ZEL5TrayApp::processConnection()
     firstTimeConnect = false;
 }
 
-bool ZEL5TrayApp::storeMessages(std::vector<MessageCollector::ZELMessage>& messages, long lastCheck)
+int ZEL5TrayApp::storeMessages(std::vector<MessageCollector::ZELMessage>& messages, long lastCheck,
+                               QString* newest)
 {
     if (!_messageCollector || !_cfg)
-        return false;
+        return 0;
     // A store saved just before a crash may hold messages whose time stamp
     // was not saved yet; they come again and are kept once.
-    bool added = false;
+    int added = 0;
     for (MessageCollector::ZELMessage& m : messages) {
         if (_messageCollector->contains(m))
             continue;
         _messageCollector->insertMessage(m.subject, m.text, m.date);
-        added = true;
+        ++added;
+        if (newest)
+            *newest = QString::fromStdString(m.subject);
     }
     _messageCollector->synchronize(true);
     // The time stamp follows the store at once, whatever "Save settings" says.
@@ -275,11 +297,14 @@ void ZEL5TrayApp::storePendingMessages()
 {
     if (heldLastCheck < 0)
         return;
-    const bool added = storeMessages(heldMessages, heldLastCheck);
+    QString newest;
+    const int added = storeMessages(heldMessages, heldLastCheck, &newest);
     heldMessages.clear();
     heldLastCheck = -1;
-    if (added && icon)
+    if (added > 0 && icon) {
         icon->setNotify(true);
+        tellNewMessages(added, newest);
+    }
 }
 
 void ZEL5TrayApp::takeOutcomesLeft()
@@ -331,20 +356,4 @@ void ZEL5TrayApp::changeInternetStatus()
         submit(TryToConnectThread::Switch);
     else
         displayUpdates(false);
-}
-
-void ZEL5TrayApp::watchForTray()
-{
-    if (QSystemTrayIcon::isSystemTrayAvailable())
-        return;
-    // Shown again once a tray host appears, so the icon registers with it.
-    trayWatch = new QTimer(this);
-    connect(trayWatch, &QTimer::timeout, this, [this] {
-        if (!QSystemTrayIcon::isSystemTrayAvailable() || !icon)
-            return;
-        trayWatch->stop();
-        icon->hide();
-        icon->show();
-    });
-    trayWatch->start(trayWatchMs);
 }

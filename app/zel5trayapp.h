@@ -19,6 +19,7 @@ class QDialog;
 class QEvent;
 class QTimer;
 class QTimerEvent;
+class DesktopNotifier;
 class ZEL5Icon;
 
 class ZEL5TrayApp : public QObject {
@@ -62,6 +63,8 @@ protected slots:
     void showMessages();
     void showNewMessages();
     void showZELAtWeb();
+    // The machine woke up (false) or is going to sleep (true).
+    void onPrepareForSleep(bool sleeping);
 
 protected:
     void timerEvent(QTimerEvent* event) override;
@@ -70,6 +73,15 @@ protected:
     virtual int runDialog(QDialog& dialog);
     // Called once the billing client exists, before the worker uses it.
     virtual void configureClient(MiniClient&) {}
+    // After a wake-up or a network coming back: the session is checked at
+    // once, not at the next tick. Events within 2 s make one check.
+    void checkSessionSoon();
+
+    // Delays: the first retry after a failure (doubling up to the refresh
+    // period), and how long to wait for a tray host before saying so.
+    int firstRetryMs = 5000;
+    int noTrayNoticeMs = 30000;
+    DesktopNotifier* notifier = nullptr;
 
     bool prepaidStale = false;
     int timerId = -1;
@@ -88,7 +100,14 @@ private:
     void submit(unsigned steps);
     void applyOutcome(TryToConnectThread::Outcome& outcome);
     void applyState(TryToConnectThread::Outcome& outcome);
-    bool storeMessages(std::vector<MessageCollector::ZELMessage>& messages, long lastCheck);
+    // The number of messages new to the store; `newest` the last one's subject.
+    int storeMessages(std::vector<MessageCollector::ZELMessage>& messages, long lastCheck, QString* newest = nullptr);
+    void tellNewMessages(int count, const QString& newest);
+    void watchBalance();
+    void scheduleRetry(const TryToConnectThread::Outcome& outcome);
+    void runSessionCheck();
+    void watchDesktop();
+    void onNotificationAction(int kind, const QString& action);
     void storePendingMessages();
     void takeOutcomesLeft();
     void watchForTray();
@@ -105,6 +124,15 @@ private:
     std::vector<MessageCollector::ZELMessage> heldMessages;
     long heldLastCheck = -1;
     QTimer* trayWatch = nullptr;
+    int trayWaitedMs = 0;
+    bool noTrayNoticeSent = false;
+    QTimer* retryTimer = nullptr;
+    int retryDelayMs = 0;
+    qint64 lastSessionCheck = -1; // ms since the epoch
+    bool sessionCheckPending = false;
+    bool reconnectIfCheckFails = false;
+    bool lowBalanceTold = false;
+    bool networkOnline = true;
 };
 
 #endif

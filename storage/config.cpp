@@ -9,6 +9,7 @@
 #include <QStandardPaths>
 #include <QStringList>
 #include <QVariant>
+#include <QtNumeric>
 
 #include <utility>
 
@@ -72,7 +73,10 @@ Config<TString>::Config()
       switchInternetOnExit(false),
       startOnLogin(false),
       saveSettings(true),
-      refreshRate(120)
+      refreshRate(120),
+      lowBalanceWarningOn(false),
+      lowBalanceWarning(0.0),
+      notifications(true)
 {
 }
 
@@ -122,6 +126,12 @@ bool Config<TString>::_load()
             return false;
         *member = value != 0;
     }
+    // Optional: absence or a value that is no number never fails the load.
+    bool isNumber = false;
+    const double level = textValue(file, "low_balance_warning").trimmed().toDouble(&isNumber);
+    lowBalanceWarningOn = isNumber && qIsFinite(level);
+    lowBalanceWarning = lowBalanceWarningOn ? level : 0.0;
+    notifications = intValue(file, "notifications", 1) != 0;
     file.endGroup();
 
     file.beginGroup(QLatin1String(groupMessages));
@@ -153,6 +163,9 @@ bool Config<TString>::_save(bool full)
         file.setValue(QStringLiteral("switch_internet_on_start"), int(switchInternetOnStart));
         file.setValue(QStringLiteral("switch_internet_on_exit"), int(switchInternetOnExit));
         file.setValue(QStringLiteral("start_on_login"), int(startOnLogin));
+        file.setValue(QStringLiteral("low_balance_warning"),
+                      lowBalanceWarningOn ? QString::number(lowBalanceWarning, 'g', 15) : QString());
+        file.setValue(QStringLiteral("notifications"), int(notifications));
         file.endGroup();
     }
     file.beginGroup(QLatin1String(groupMessages));

@@ -29,6 +29,13 @@ public:
     bool startOnLogin;
     bool saveSettings;
     int refreshRate;
+    // Optional keys of "other": a balance below lowBalanceWarning is told
+    // once per fall when lowBalanceWarningOn ("low_balance_warning", empty
+    // or absent: off); notifications ("notifications", default on) allows
+    // desktop notifications at all.
+    bool lowBalanceWarningOn;
+    double lowBalanceWarning;
+    bool notifications;
 };
 
 extern template class Config<QString>;

@@ -12,6 +12,8 @@
 #include <QLabel>
 #include <QLineEdit>
 #include <QPushButton>
+#include <QRegularExpression>
+#include <QRegularExpressionValidator>
 #include <QSpacerItem>
 #include <QSpinBox>
 #include <QVBoxLayout>
@@ -121,11 +123,21 @@ void SettingsDialog::buildOtherBox()
     cbTurnOnStart = makeWidget<QCheckBox>(gbOther, "cbTurnOnStart");
     cbTurnOnExit = makeWidget<QCheckBox>(gbOther, "cbTurnOnExit");
     cbStartOnSysStart = makeWidget<QCheckBox>(gbOther, "cbStartOnSysStart");
+    cbNotifications = makeWidget<QCheckBox>(gbOther, "cbNotifications");
+    lblLowBalance = makeWidget<QLabel>(gbOther, "lblLowBalance");
+    txtLowBalance = makeWidget<QLineEdit>(gbOther, "txtLowBalance");
+    lblLowBalance->setBuddy(txtLowBalance);
+    // Empty means no warning; anything else must be a number.
+    txtLowBalance->setValidator(new QRegularExpressionValidator(
+        QRegularExpression(QStringLiteral("^\\s*(-?\\d{0,12}([.,]\\d{0,2})?)?\\s*$")), txtLowBalance));
     auto* box = new QVBoxLayout(gbOther);
     setBoxLayout(box);
     box->addWidget(cbTurnOnStart);
     box->addWidget(cbTurnOnExit);
     box->addWidget(cbStartOnSysStart);
+    box->addWidget(cbNotifications);
+    box->addWidget(lblLowBalance);
+    box->addWidget(txtLowBalance);
 }
 
 void SettingsDialog::buildLayout()
@@ -160,7 +172,7 @@ void SettingsDialog::applyTabOrder()
     QWidget* const order[] = {
         txtServerAddress, txtServerPort,  txtLogin,          txtPassword,
         spinRefreshRate,  txtWebserverAddress, cbTurnOnStart, cbTurnOnExit,
-        cbStartOnSysStart, cbSaveSettings, buttonOk,         buttonCancel,
+        cbStartOnSysStart, cbNotifications, txtLowBalance, cbSaveSettings, buttonOk, buttonCancel,
     };
     for (std::size_t i = 1; i < std::size(order); ++i)
         QWidget::setTabOrder(order[i - 1], order[i]);
@@ -188,6 +200,9 @@ void SettingsDialog::languageChange()
     cbTurnOnExit->setShortcut(QKeySequence(tr("Alt+F")));
     cbStartOnSysStart->setText(tr("&Start on logon"));
     cbStartOnSysStart->setShortcut(QKeySequence(tr("Alt+S")));
+    cbNotifications->setText(tr("Show desktop notifications"));
+    lblLowBalance->setText(tr("Warn when the balance is below:"));
+    txtLowBalance->setPlaceholderText(tr("no warning"));
     cbSaveSettings->setText(tr("Save settings"));
     buttonOk->setText(tr("&OK"));
     buttonCancel->setText(tr("&Cancel"));
@@ -214,6 +229,8 @@ void SettingsDialog::importSettings(Config<QString>* cfg)
     cbTurnOnStart->setChecked(cfg->switchInternetOnStart);
     cbTurnOnExit->setChecked(cfg->switchInternetOnExit);
     cbStartOnSysStart->setChecked(cfg->startOnLogin);
+    cbNotifications->setChecked(cfg->notifications);
+    txtLowBalance->setText(cfg->lowBalanceWarningOn ? QString::number(cfg->lowBalanceWarning, 'f', 2) : QString());
     cbSaveSettings->setChecked(cfg->saveSettings);
 }
 
@@ -234,5 +251,13 @@ void SettingsDialog::exportSettings(Config<QString>* cfg)
     cfg->switchInternetOnStart = cbTurnOnStart->isChecked();
     cfg->switchInternetOnExit = cbTurnOnExit->isChecked();
     cfg->startOnLogin = cbStartOnSysStart->isChecked();
+    cfg->notifications = cbNotifications->isChecked();
+    // A decimal comma is taken as the point it means.
+    QString level = txtLowBalance->text().trimmed();
+    level.replace(QLatin1Char(','), QLatin1Char('.'));
+    bool isNumber = false;
+    const double value = level.toDouble(&isNumber);
+    cfg->lowBalanceWarningOn = isNumber;
+    cfg->lowBalanceWarning = isNumber ? value : 0.0;
     cfg->saveSettings = cbSaveSettings->isChecked();
 }

@@ -56,6 +56,9 @@ private:
     QCheckBox* cbTurnOnStart;
     QCheckBox* cbTurnOnExit;
     QCheckBox* cbStartOnSysStart;
+    QCheckBox* cbNotifications;
+    QLabel* lblLowBalance;
+    QLineEdit* txtLowBalance;
     QCheckBox* cbSaveSettings;
     QPushButton* buttonOk;
     QPushButton* buttonCancel;
