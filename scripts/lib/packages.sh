@@ -26,6 +26,7 @@ BUILD_PACKAGES=(
     qt6-base-dev qt6-base-dev-tools qt6-svg-dev qt6-tools-dev qt6-tools-dev-tools
     qt6-l10n-tools qt6-qpa-plugins qt6-image-formats-plugins libqt6svg6
     libgl-dev libegl-dev libxkbcommon-dev
+    dbus dbus-daemon  # the private buses of the desktop tests
 )
 
 # What the headless demo needs on top.
