@@ -1,0 +1,475 @@
+// The session's bounds: the connect (a listener whose queue is full, a
+// refused port), each login wait, a call from _call to end_call, the TLS
+// handshake, the cancel flag, keepalive, and bounded sessions that work as
+// unbounded ones do. Against the billing simulator, or a scripted server
+// where the simulator cannot misbehave precisely enough.
+#include "billingsim.h"
+#include "bounds.h"
+#include "rpcclient.h"
+#include "socketpair.h"
+
+#include <gtest/gtest.h>
+
+#include <arpa/inet.h>
+#include <fcntl.h>
+#include <netinet/tcp.h>
+#include <poll.h>
+
+#include <functional>
+#include <memory>
+#include <vector>
+
+using namespace ZEL;
+using namespace zel5test;
+using zel5sim::Fault;
+
+namespace {
+
+sockaddr_in loopback(int port)
+{
+    sockaddr_in a{};
+    a.sin_family = AF_INET;
+    a.sin_port = htons(static_cast<unsigned short>(port));
+    a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    return a;
+}
+
+// A loopback socket bound to a port that nobody listens on.
+struct RefusingPort {
+    int fd = ::socket(AF_INET, SOCK_STREAM, 0);
+    int port = 0;
+    RefusingPort()
+    {
+        sockaddr_in a = loopback(0);
+        socklen_t n = sizeof a;
+        ::bind(fd, reinterpret_cast<sockaddr*>(&a), sizeof a);
+        ::getsockname(fd, reinterpret_cast<sockaddr*>(&a), &n);
+        port = ntohs(a.sin_port);
+    }
+    ~RefusingPort() { ::close(fd); }
+};
+
+// A loopback listener with a backlog of 0 whose queue is already full: the
+// kernel drops further connection requests, so a connect to it hangs.
+struct FullListener {
+    int fd = ::socket(AF_INET, SOCK_STREAM, 0);
+    int port = 0;
+    bool full = false;
+    std::vector<int> queued;
+    FullListener()
+    {
+        sockaddr_in a = loopback(0);
+        socklen_t n = sizeof a;
+        if (::bind(fd, reinterpret_cast<sockaddr*>(&a), sizeof a) != 0 || ::listen(fd, 0) != 0)
+            return;
+        ::getsockname(fd, reinterpret_cast<sockaddr*>(&a), &n);
+        port = ntohs(a.sin_port);
+        // Connect until one connect gets no answer: the queue is then full.
+        for (int i = 0; i < 8 && !full; ++i) {
+            const int s = ::socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK, 0);
+            queued.push_back(s);
+            ::connect(s, reinterpret_cast<sockaddr*>(&a), sizeof a);
+            pollfd p{s, POLLOUT, 0};
+            full = ::poll(&p, 1, 300) == 0;
+        }
+    }
+    ~FullListener()
+    {
+        for (int s : queued)
+            ::close(s);
+        ::close(fd);
+    }
+};
+
+// A one-connection billing server on a loopback port that plays a script in
+// its own thread. Every wait of the script ends when the test is over.
+class ScriptedServer {
+public:
+    explicit ScriptedServer(std::function<void(ScriptedServer&)> script)
+    {
+        sockaddr_in a = loopback(0);
+        socklen_t n = sizeof a;
+        ::bind(listener, reinterpret_cast<sockaddr*>(&a), sizeof a);
+        ::listen(listener, 1);
+        ::getsockname(listener, reinterpret_cast<sockaddr*>(&a), &n);
+        port = ntohs(a.sin_port);
+        thread = std::thread([this, script] {
+            if (acceptClient())
+                script(*this);
+        });
+    }
+    ~ScriptedServer()
+    {
+        {
+            std::lock_guard<std::mutex> lock(m);
+            over = true;
+        }
+        cv.notify_all();
+        thread.join();
+        ::close(conn);
+        ::close(listener);
+    }
+
+    // Waits ms; false, at once, when the test is over.
+    bool pause(int ms)
+    {
+        std::unique_lock<std::mutex> lock(m);
+        return !cv.wait_for(lock, std::chrono::milliseconds(ms), [this] { return over.load(); });
+    }
+    void send(const Bytes& b) { ::send(conn, b.data(), b.size(), MSG_NOSIGNAL); }
+    // Ends the connection from any thread: the client's waits end too.
+    void cut() { ::shutdown(conn, SHUT_RDWR); }
+    // The code of the client's next whole packet; -1 when none came in 5 s.
+    int readPacket()
+    {
+        unsigned char head[4];
+        if (!readExactly(head, 4))
+            return -1;
+        const int size = head[2] << 8 | head[3];
+        if (size < 4)
+            return -1;
+        std::vector<unsigned char> body(static_cast<std::size_t>(size - 4));
+        return readExactly(body.data(), body.size()) ? head[0] : -1;
+    }
+    // The greeting, the login request taken, and the acceptance.
+    bool login(int ssl)
+    {
+        send(wirePacket(rc_session_init, {{ra_key, Bytes(16, 0x11)}, {ra_chap_challenge, Bytes(16, 0x22)}}));
+        if (readPacket() != rc_access_request)
+            return false;
+        send(wirePacket(rc_access_accept, {{ra_ssl_request, {0, 0, 0, static_cast<unsigned char>(ssl)}}}));
+        return true;
+    }
+
+    int port = 0;
+
+private:
+    bool ready(int fd)
+    {
+        const auto t0 = Clock::now();
+        while (!over && msSince(t0) < 5000) {
+            pollfd p{fd, POLLIN, 0};
+            if (::poll(&p, 1, 50) > 0)
+                return true;
+        }
+        return false;
+    }
+    bool acceptClient()
+    {
+        if (!ready(listener))
+            return false;
+        conn = ::accept(listener, nullptr, nullptr);
+        return conn >= 0;
+    }
+    bool readExactly(unsigned char* p, std::size_t n)
+    {
+        for (std::size_t got = 0; got < n;) {
+            if (!ready(conn))
+                return false;
+            const ssize_t r = ::recv(conn, p + got, n - got, 0);
+            if (r <= 0)
+                return false;
+            got += static_cast<std::size_t>(r);
+        }
+        return true;
+    }
+
+    int listener = ::socket(AF_INET, SOCK_STREAM, 0);
+    std::atomic<int> conn{-1};
+    std::mutex m;
+    std::condition_variable cv;
+    std::atomic<bool> over{false};
+    std::thread thread;
+};
+
+int intOption(int fd, int level, int name)
+{
+    int v = -1;
+    socklen_t n = sizeof v;
+    ::getsockopt(fd, level, name, &v, &n);
+    return v;
+}
+
+class SessionBounds : public ::testing::Test {
+protected:
+    void SetUp() override
+    {
+        zel5sim::Options o;
+        o.port = 0;
+        sim = std::make_unique<zel5sim::BillingSim>(o);
+        ASSERT_EQ(0, sim->start());
+    }
+
+    std::unique_ptr<RPCClient> client(int port = 0, int ssl = 0)
+    {
+        auto c = std::make_unique<RPCClient>();
+        EXPECT_EQ(0, c->addr("127.0.0.1", static_cast<short>(port ? port : sim->port())));
+        c->set_auth("demo", "demo");
+        if (ssl != 0)
+            ssl == 1 ? c->ssl_tls1() : c->ssl_ssl3();
+        return c;
+    }
+
+    // Calls -69; the version text, or "" with the failing step's result in *failed.
+    static std::string version(RPCClient& c, int* failed = nullptr)
+    {
+        char* data = nullptr;
+        int len = 0, err = c._call(-69);
+        std::string text;
+        if (err == 0 && (err = c.rpcstream().data_get_new(data, len)) == 0) {
+            text.assign(data, static_cast<std::size_t>(len));
+            delete[] data;
+            err = c.end_call();
+        }
+        if (failed)
+            *failed = err;
+        return text;
+    }
+
+    std::unique_ptr<zel5sim::BillingSim> sim;
+    // Stopping the simulator closes its connections, which ends any wait.
+    Watchdog dog{8000, "the simulator", [this] { sim->stop(); }};
+};
+
+const char* const someKey = "00112233445566778899aabbccddeeff";
+
+} // namespace
+
+TEST_F(SessionBounds, BoundedSessionsWorkAsUnboundedOnes)
+{
+    const std::atomic<bool> never{false};
+    for (int ssl : {0, 1, 2}) {
+        SCOPED_TRACE(ssl);
+        auto c = client(0, ssl);
+        c->set_connect_timeout(2000);
+        c->set_timeout(2000);
+        c->set_call_timeout(2000);
+        c->set_cancel(&never);
+        ASSERT_EQ(0, c->open_session(0));
+        EXPECT_EQ(0, c->last_error());
+        EXPECT_EQ(ssl, c->rpcstream().channel());
+        EXPECT_NE(::fcntl(c->rpcstream().sock(), F_GETFL) & O_NONBLOCK, 0);
+        EXPECT_EQ("5.1.9", version(*c));
+        EXPECT_EQ(ec_access, c->_call(-12345));
+        EXPECT_EQ(0, c->end_call());
+        EXPECT_EQ("5.1.9", version(*c));
+        EXPECT_TRUE(c->rpcstream().good());
+        EXPECT_EQ(0, c->close_session());
+        EXPECT_TRUE(sim->waitFor([&] { return sim->lastTermination() == rtc_user; }));
+    }
+    auto restored = client();
+    restored->set_timeout(2000);
+    restored->set_call_timeout(2000);
+    EXPECT_EQ(0, restored->restore_session(sim->issuedKeys().back().c_str(), 0));
+    EXPECT_EQ("5.1.9", version(*restored));
+
+    // A connect bound alone leaves the session's socket blocking, as an
+    // unbounded stream needs it.
+    auto connectOnly = client();
+    connectOnly->set_connect_timeout(2000);
+    ASSERT_EQ(0, connectOnly->open_session(0));
+    EXPECT_EQ(::fcntl(connectOnly->rpcstream().sock(), F_GETFL) & O_NONBLOCK, 0);
+    EXPECT_EQ("5.1.9", version(*connectOnly));
+}
+
+TEST_F(SessionBounds, StalledLoginWaitsEndAtTheirBound)
+{
+    for (Fault::Stage stage : {Fault::Stage::Greeting, Fault::Stage::LoginAnswer}) {
+        for (bool restore : {false, true}) {
+            SCOPED_TRACE(std::string(stage == Fault::Stage::Greeting ? "greeting" : "answer") +
+                         (restore ? ", restore" : ", login"));
+            sim->addFault({stage, Fault::Kind::Stall}); // until the simulator stops
+            auto c = client();
+            c->set_timeout(200);
+            const auto t0 = Clock::now();
+            EXPECT_EQ(ec_badmsg, restore ? c->restore_session(someKey, 0) : c->open_session(0));
+            EXPECT_TRUE(endedAtBound(t0, 200));
+            EXPECT_EQ(ec_timedout, c->last_error());
+            EXPECT_TRUE(c->rpcstream().timed_out());
+            EXPECT_NE(c->rpcstream().bad(), 0);
+            EXPECT_EQ(0, c->connected());
+        }
+    }
+}
+
+TEST_F(SessionBounds, EachLoginWaitHasABoundOfItsOwn)
+{
+    // Greeting and answer each come after 250 ms: 500 ms in all, more than
+    // the bound of 400, which each wait alone keeps.
+    ScriptedServer server([](ScriptedServer& s) {
+        if (s.pause(250)) {
+            s.send(wirePacket(rc_session_init, {{ra_key, Bytes(16, 0x11)}}));
+            if (s.readPacket() == rc_access_request && s.pause(250))
+                s.send(wirePacket(rc_access_accept, {}));
+        }
+        s.pause(10000);
+    });
+    Watchdog serverDog(5000, "the scripted server", [&] { server.cut(); });
+    auto c = client(server.port);
+    c->set_timeout(400);
+    const auto t0 = Clock::now();
+    EXPECT_EQ(0, c->open_session(0));
+    EXPECT_GE(msSince(t0), 500);
+    EXPECT_EQ(0, c->last_error());
+}
+
+TEST_F(SessionBounds, StalledTlsHandshakeEndsAtTheLoginBound)
+{
+    ScriptedServer server([](ScriptedServer& s) {
+        if (s.login(rsr_ssl_tls1))
+            s.pause(10000); // the client's hello is never answered
+    });
+    Watchdog serverDog(5000, "the scripted server", [&] { server.cut(); });
+    auto c = client(server.port, 1);
+    c->set_timeout(200);
+    const auto t0 = Clock::now();
+    EXPECT_EQ(ec_access, c->open_session(0));
+    EXPECT_TRUE(endedAtBound(t0, 200));
+    EXPECT_EQ(ec_timedout, c->last_error());
+    EXPECT_TRUE(c->rpcstream().timed_out());
+}
+
+TEST_F(SessionBounds, StalledCallEndsAtTheCallBoundAndTheDropDoesNotWait)
+{
+    sim->addFault({Fault::Stage::Call, Fault::Kind::Stall, -69});
+    std::atomic<bool> net{false}; // a safety net only: the drop below must not need it
+    auto c = client();
+    ASSERT_EQ(0, c->open_session(0));
+    c->set_cancel(&net);
+    Canceller canceller(net, 3000);
+    c->set_call_timeout(200);
+    const auto t0 = Clock::now();
+    EXPECT_EQ(ec_access, c->_call(-69));
+    EXPECT_TRUE(endedAtBound(t0, 200));
+    EXPECT_TRUE(c->rpcstream().timed_out());
+    EXPECT_EQ(ec_badmsg, c->end_call());
+
+    // The stalled server reads nothing. Fill the socket under the stream
+    // until it takes not even a few bytes after a quiet 100 ms; then the
+    // goodbye cannot go out, and leaving must not wait for it.
+    const int fd = c->rpcstream().sock();
+    const int small = 16384;
+    ::setsockopt(fd, SOL_SOCKET, SO_SNDBUF, &small, sizeof small);
+    const std::vector<char> junk(65536, 'x');
+    bool full = false;
+    for (int i = 0; i < 50 && !full; ++i) {
+        for (int n = 0; n < 1000 && ::send(fd, junk.data(), junk.size(), MSG_DONTWAIT | MSG_NOSIGNAL) > 0; ++n) {
+        }
+        pollfd p{fd, POLLOUT, 0};
+        full = ::poll(&p, 1, 100) == 0 && ::send(fd, junk.data(), 16, MSG_DONTWAIT | MSG_NOSIGNAL) < 0;
+    }
+    ASSERT_TRUE(full) << "the socket never stopped taking data";
+    const auto t1 = Clock::now();
+    EXPECT_EQ(0, c->drop_session());
+    EXPECT_LT(msSince(t1), 100) << "leaving waited for the stalled server";
+    EXPECT_FALSE(net.load());
+}
+
+TEST_F(SessionBounds, CallBoundCoversTheWholeCall)
+{
+    // The acknowledgement at once, a value after 200 ms, then silence: the
+    // call's 500 ms run from _call, not from each wait.
+    ScriptedServer server([](ScriptedServer& s) {
+        if (s.login(0) && s.readPacket() == rc_session_call) {
+            s.send(wirePacket(rc_session_data, {{ra_call, hexBytes("FFFFFFBB")}}));
+            if (s.pause(200))
+                s.send(wireData({"00000007"}));
+        }
+        s.pause(10000);
+    });
+    Watchdog serverDog(5000, "the scripted server", [&] { server.cut(); });
+    auto c = client(server.port);
+    c->set_call_timeout(500);
+    ASSERT_EQ(0, c->open_session(0));
+    const auto t0 = Clock::now();
+    ASSERT_EQ(0, c->_call(-69));
+    int v = 0;
+    EXPECT_EQ(0, c->rpcstream().data_get(v));
+    EXPECT_EQ(7, v);
+    EXPECT_EQ(ec_badmsg, c->end_call());
+    EXPECT_TRUE(endedAtBound(t0, 500));
+    EXPECT_LT(msSince(t0), 650) << "the wait for the end got a bound of its own";
+    EXPECT_TRUE(c->rpcstream().timed_out());
+}
+
+TEST_F(SessionBounds, ConnectToAFullListenerEndsAtItsBoundOrWhenCancelled)
+{
+    FullListener full;
+    ASSERT_TRUE(full.full) << "the listener's queue never filled";
+    // A listener shut down refuses the connect's next retry.
+    Watchdog dog(5000, "the connect", [fd = full.fd] { ::shutdown(fd, SHUT_RDWR); });
+
+    auto bounded = client(full.port);
+    bounded->set_connect_timeout(200);
+    const auto t0 = Clock::now();
+    EXPECT_EQ(ec_inval, bounded->connect());
+    EXPECT_TRUE(endedAtBound(t0, 200));
+    EXPECT_EQ(ec_timedout, bounded->last_error());
+    EXPECT_EQ(0, bounded->connected());
+
+    std::atomic<bool> flag{false};
+    auto cancelled = client(full.port);
+    cancelled->set_cancel(&flag);
+    Canceller canceller(flag, 100);
+    EXPECT_EQ(ec_inval, cancelled->open_session(0));
+    EXPECT_TRUE(canceller.endedSoonAfterSet());
+    EXPECT_EQ(ec_pipe, cancelled->last_error());
+}
+
+TEST_F(SessionBounds, RefusedConnectTellsTheSocketsReasonThenSuccessClearsIt)
+{
+    RefusingPort refusing;
+    const std::atomic<bool> never{false};
+    for (int connectMs : {0, 1000}) {
+        for (bool flag : {false, true}) {
+            SCOPED_TRACE(std::to_string(connectMs) + (flag ? " ms, cancel flag" : " ms"));
+            auto c = client(refusing.port);
+            c->set_connect_timeout(connectMs);
+            if (flag)
+                c->set_cancel(&never);
+            EXPECT_EQ(ec_inval, c->open_session(0));
+            EXPECT_EQ(ECONNREFUSED, c->last_error());
+            EXPECT_EQ(0, c->connected());
+            // The same client, pointed at a server that answers.
+            ASSERT_EQ(0, c->addr("127.0.0.1", static_cast<short>(sim->port())));
+            EXPECT_EQ(0, c->open_session(0));
+            EXPECT_EQ(0, c->last_error());
+        }
+    }
+}
+
+TEST_F(SessionBounds, CancelFlagEndsALoginWaitWithoutBound)
+{
+    sim->addFault({Fault::Stage::Greeting, Fault::Kind::Stall});
+    std::atomic<bool> flag{false};
+    auto c = client();
+    c->set_cancel(&flag);
+    Canceller canceller(flag, 100);
+    EXPECT_EQ(ec_badmsg, c->open_session(0));
+    EXPECT_TRUE(canceller.endedSoonAfterSet());
+    EXPECT_EQ(ec_pipe, c->last_error());
+    EXPECT_FALSE(c->rpcstream().timed_out());
+}
+
+TEST_F(SessionBounds, KeepaliveReachesTheSocketOnlyWhenFullySet)
+{
+    struct Case {
+        int idle, interval, count;
+    } const cases[] = {{30, 5, 4}, {0, 0, 0}, {0, 5, 4}, {10, 0, 3}, {10, 3, 0}};
+    for (Case k : cases) {
+        SCOPED_TRACE(std::to_string(k.idle) + "/" + std::to_string(k.interval) + "/" + std::to_string(k.count));
+        const bool on = k.idle > 0 && k.interval > 0 && k.count > 0;
+        auto c = client();
+        c->set_keepalive(k.idle, k.interval, k.count);
+        ASSERT_EQ(0, c->connect());
+        const int fd = c->rpcstream().sock();
+        EXPECT_EQ(on ? 1 : 0, intOption(fd, SOL_SOCKET, SO_KEEPALIVE));
+        if (on) {
+            EXPECT_EQ(k.idle, intOption(fd, IPPROTO_TCP, TCP_KEEPIDLE));
+            EXPECT_EQ(k.interval, intOption(fd, IPPROTO_TCP, TCP_KEEPINTVL));
+            EXPECT_EQ(k.count, intOption(fd, IPPROTO_TCP, TCP_KEEPCNT));
+        }
+        EXPECT_EQ(1, intOption(fd, IPPROTO_TCP, TCP_NODELAY));
+        c->disconnect();
+    }
+}
