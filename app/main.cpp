@@ -1,9 +1,11 @@
 // Entry point of the tray program.
+#include "singleinstance.h"
 #include "zel5trayapp.h"
 
 #include <QApplication>
 #include <QCommandLineParser>
 #include <QLocale>
+#include <QMetaObject>
 #include <QSocketNotifier>
 #include <QSystemTrayIcon>
 #include <QTranslator>
@@ -14,6 +16,9 @@
 #include <unistd.h>
 
 namespace {
+
+// How long a later start waits for the running tray to answer its request.
+constexpr int notifyWaitMs = 1000;
 
 // A termination signal is turned into a byte on this socket pair so that the
 // event loop, not the signal handler, ends the program and settings and
@@ -68,6 +73,31 @@ int main(int argc, char** argv)
     parser.addHelpOption();
     parser.addVersionOption();
     parser.process(app);
+
+    // One tray per user: a later start asks the running one to show itself
+    // and ends before it reads the settings or the message store or opens a
+    // second session on the billing server.
+    SingleInstance single;
+    if (!single.tryToBecomePrimary()) {
+        QString why;
+        if (SingleInstance::notifyPrimary(notifyWaitMs, &why)) {
+            std::fprintf(stderr, "zel5_tray: already running; asked it to show itself.\n");
+            return 0;
+        }
+        if (!single.errorString().isEmpty())
+            std::fprintf(stderr, "zel5_tray: %s\n", qPrintable(single.errorString()));
+        std::fprintf(stderr, "zel5_tray: another zel5_tray is running, but %s\n", qPrintable(why));
+        return 1;
+    }
+    if (!single.errorString().isEmpty())
+        std::fprintf(stderr, "zel5_tray: %s\n", qPrintable(single.errorString()));
+    // "Show" opens the messages dialog when new messages are signalled, as a
+    // click on the icon does; queued, so that the request's answer goes out
+    // before a dialog runs.
+    QObject::connect(&single, &SingleInstance::showRequested, &app, [] {
+        if (!QMetaObject::invokeMethod(ZEL5TrayApp::instance(), "showNewMessages", Qt::QueuedConnection))
+            std::fprintf(stderr, "zel5_tray: cannot show the new messages\n");
+    });
 
     bool terminated = false;
     quitOnTerminationSignals(app, terminated);
