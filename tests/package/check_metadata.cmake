@@ -1,0 +1,26 @@
+# The desktop entry and the software-centre entry as they are in the sources.
+# cmake -DDESKTOP_FILE=... -DMETAINFO_FILE=... -P check_metadata.cmake
+cmake_minimum_required(VERSION 3.22)
+include(${CMAKE_CURRENT_LIST_DIR}/validators.cmake)
+
+if(NOT DESKTOP_FILE_VALIDATE AND NOT APPSTREAMCLI)
+  message("SKIPPED: neither desktop-file-validate (desktop-file-utils) nor appstreamcli (appstream) is installed")
+  return()
+endif()
+
+set(errors "")
+if(DESKTOP_FILE_VALIDATE)
+  zel5_validate_desktop_file(${DESKTOP_FILE} error)
+  string(APPEND errors "${error}")
+else()
+  message("desktop-file-validate is not installed (desktop-file-utils): the desktop entry is not checked")
+endif()
+if(APPSTREAMCLI)
+  zel5_validate_appstream(validate ${METAINFO_FILE} error)
+  string(APPEND errors "${error}")
+else()
+  message("appstreamcli is not installed (appstream): the software-centre entry is not checked")
+endif()
+if(errors)
+  message(FATAL_ERROR "${errors}")
+endif()
