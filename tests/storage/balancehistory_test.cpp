@@ -1,0 +1,247 @@
+#include "balancehistory.h"
+
+#include <QDir>
+#include <QFile>
+#include <QTemporaryDir>
+
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <csignal>
+#include <random>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+namespace {
+
+constexpr qint64 Day = 86400;
+// An arbitrary "now" for the forecast cases.
+constexpr qint64 Now = 1700000000;
+
+using Sample = BalanceHistory::Sample;
+
+QString text(const QVector<Sample>& samples)
+{
+    QStringList parts;
+    for (const Sample& s : samples)
+        parts << QStringLiteral("%1:%2").arg(s.time).arg(s.balance, 0, 'g', 17);
+    return parts.join(' ');
+}
+
+class BalanceHistoryTest : public ::testing::Test {
+protected:
+    void SetUp() override { ASSERT_TRUE(dir.isValid()); }
+
+    QByteArray read() const
+    {
+        QFile f(path);
+        return f.open(QIODevice::ReadOnly) ? f.readAll() : "(missing)";
+    }
+    void write(const QByteArray& data) const
+    {
+        QDir().mkpath(QFileInfo(path).absolutePath());
+        QFile f(path);
+        ASSERT_TRUE(f.open(QIODevice::WriteOnly) && f.write(data) == data.size());
+    }
+    // What is in the history's folder besides the history itself.
+    QStringList strayFiles() const
+    {
+        QStringList files = QDir(QFileInfo(path).absolutePath()).entryList(QDir::Files | QDir::Hidden);
+        files.removeAll(QStringLiteral("balance_history"));
+        return files;
+    }
+    // A history that ends at Now with the balances given, one per day.
+    BalanceHistory daily(const QVector<double>& balances)
+    {
+        BalanceHistory history(path);
+        const qint64 first = Now - (balances.size() - 1) * Day;
+        for (qsizetype i = 0; i < balances.size(); ++i)
+            history.record(first + i * Day, balances[i]);
+        return history;
+    }
+
+    QTemporaryDir dir;
+    const QString path = dir.filePath("data/zel5_tray/balance_history");
+};
+
+} // namespace
+
+TEST_F(BalanceHistoryTest, TheFileLivesNextToTheMessageStore)
+{
+    qputenv("XDG_DATA_HOME", QFile::encodeName(dir.filePath("xdg")));
+    EXPECT_EQ(BalanceHistory::defaultPath(), dir.filePath("xdg/zel5_tray/balance_history"));
+}
+
+TEST_F(BalanceHistoryTest, EachChangeIsRecordedOnceAndSurvivesAReload)
+{
+    BalanceHistory history(path);
+    ASSERT_TRUE(history.load()); // no file yet: an empty history
+    EXPECT_TRUE(history.samples().isEmpty());
+
+    EXPECT_TRUE(history.record(1000, 10.5)); // the folder does not exist yet
+    EXPECT_FALSE(history.record(1300, 10.5));
+    EXPECT_FALSE(history.record(1600, 10.5));
+    EXPECT_TRUE(history.record(1900, 0.1 + 0.2));
+    EXPECT_TRUE(history.record(2200, -7));
+    EXPECT_TRUE(history.record(2500, 10.5)); // only the newest sample counts as "the same"
+    EXPECT_EQ(read(), "1000 10.5\n1900 0.30000000000000004\n2200 -7\n2500 10.5\n");
+    struct stat st {};
+    ASSERT_EQ(::stat(QFile::encodeName(path).constData(), &st), 0);
+    EXPECT_EQ(st.st_mode & 0777, 0600u) << "the balance is the subscriber's own business";
+
+    BalanceHistory reloaded(path);
+    ASSERT_TRUE(reloaded.load());
+    EXPECT_EQ(text(reloaded.samples()), text(history.samples()));
+    EXPECT_EQ(reloaded.samples()[1].balance, 0.1 + 0.2) << "the balance round-trips exactly";
+    EXPECT_FALSE(reloaded.record(2800, 10.5)) << "a reload remembers the newest balance";
+
+    EXPECT_EQ(text(reloaded.since(1900)), "1900:0.30000000000000004 2200:-7 2500:10.5");
+    EXPECT_EQ(text(reloaded.since(2501)), "");
+    EXPECT_FALSE(history.record(3000, qQNaN()));
+    EXPECT_FALSE(history.record(3000, qInf()));
+}
+
+TEST_F(BalanceHistoryTest, AClockThatWentBackDropsTheSamplesFromItsFuture)
+{
+    BalanceHistory history(path);
+    history.record(1000, 1);
+    history.record(5000, 2);
+    history.record(6000, 3);
+    EXPECT_TRUE(history.record(4000, 4));
+    EXPECT_EQ(text(history.samples()), "1000:1 4000:4");
+    // The same balance as the sample before: nothing added, but the
+    // samples from the future still go, on disk too.
+    history.record(7000, 5);
+    EXPECT_FALSE(history.record(4500, 4));
+    EXPECT_EQ(read(), "1000 1\n4000 4\n");
+}
+
+TEST_F(BalanceHistoryTest, DamagedLinesAreSkippedAndTheRestSorted)
+{
+    write("300 1\ngarbage\n100 2\n200\n200 x\n250 nan\n260 inf\n150 1e400\n\n400 -3.5 extra\n"
+          "12x 5\n" + QByteArray("\0\xff\x01 7\n", 6) + "500 -2\n600 4");
+    BalanceHistory history(path);
+    ASSERT_TRUE(history.load());
+    EXPECT_EQ(text(history.samples()), "100:2 300:1 500:-2 600:4");
+
+    // A folder where the file should be cannot be read: not an empty history.
+    ASSERT_TRUE(QFile::remove(path) && QDir().mkpath(path));
+    EXPECT_FALSE(BalanceHistory(path).load());
+}
+
+TEST_F(BalanceHistoryTest, OldAndSurplusSamplesAreDropped)
+{
+    BalanceHistory history(path);
+    history.record(0, 1);
+    history.record(Day, 2);
+    history.record(BalanceHistory::MaxAgeSeconds, 3); // the first is exactly 730 days old: kept
+    EXPECT_EQ(history.samples().size(), 3);
+    history.record(BalanceHistory::MaxAgeSeconds + Day + 1, 4);
+    EXPECT_EQ(text(history.samples()), QString("%1:3 %2:4").arg(BalanceHistory::MaxAgeSeconds)
+                                           .arg(BalanceHistory::MaxAgeSeconds + Day + 1));
+
+    // A file with more samples than the cap: the newest are kept, and a
+    // record keeps the count at the cap.
+    QByteArray many;
+    for (int i = 0; i < BalanceHistory::MaxSamples + 100; ++i)
+        many += QByteArray::number(Now + i) + ' ' + QByteArray::number(i % 2) + '\n';
+    write(many);
+    ASSERT_TRUE(history.load());
+    ASSERT_EQ(history.samples().size(), BalanceHistory::MaxSamples);
+    EXPECT_EQ(history.samples().first().time, Now + 100);
+    EXPECT_TRUE(history.record(Now + BalanceHistory::MaxSamples + 100, 7));
+    EXPECT_EQ(history.samples().size(), BalanceHistory::MaxSamples);
+    EXPECT_EQ(history.samples().first().time, Now + 101);
+    EXPECT_EQ(read().count('\n'), BalanceHistory::MaxSamples);
+}
+
+TEST_F(BalanceHistoryTest, ASaveLeavesNoTemporaryFileBehind)
+{
+    BalanceHistory history(path);
+    for (int i = 0; i < 20; ++i)
+        history.record(1000 + i, i);
+    EXPECT_EQ(strayFiles(), QStringList());
+    EXPECT_EQ(read().count('\n'), 20);
+}
+
+// A writer killed at random moments: the file is always a whole history.
+TEST_F(BalanceHistoryTest, AKilledWriterLeavesTheOldOrTheNewFileWhole)
+{
+    QByteArray full;
+    for (int i = 0; i < BalanceHistory::MaxSamples; ++i)
+        full += QByteArray::number(Now + i) + ' ' + QByteArray::number(i % 2) + '\n';
+    write(full);
+    std::mt19937 random(12345);
+    for (int round = 0; round < 15; ++round) {
+        const pid_t pid = ::fork();
+        ASSERT_GE(pid, 0);
+        if (pid == 0) {
+            // The child records until killed, and gives up on its own after a while.
+            BalanceHistory history(path);
+            history.load();
+            const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(5);
+            for (qint64 t = history.samples().constLast().time + 1; std::chrono::steady_clock::now() < end; ++t)
+                history.record(t, double(t % 3));
+            ::_exit(0);
+        }
+        ::usleep(std::uniform_int_distribution<useconds_t>(2000, 40000)(random));
+        ::kill(pid, SIGKILL);
+        int status = 0;
+        ASSERT_EQ(::waitpid(pid, &status, 0), pid);
+
+        const QByteArray data = read();
+        BalanceHistory history(path);
+        ASSERT_TRUE(history.load());
+        ASSERT_TRUE(data.endsWith('\n')) << "round " << round;
+        ASSERT_EQ(data.count('\n'), BalanceHistory::MaxSamples) << "round " << round;
+        ASSERT_EQ(history.samples().size(), BalanceHistory::MaxSamples) << "round " << round;
+    }
+    BalanceHistory after(path);
+    ASSERT_TRUE(after.load());
+    EXPECT_GT(after.samples().constLast().time, Now + BalanceHistory::MaxSamples) << "the writers saved something";
+}
+
+TEST_F(BalanceHistoryTest, AForecastNeedsSevenDaysOfFallingBalance)
+{
+    // 10 a day over 7 days, 30 left: 3 days.
+    EXPECT_EQ(daily({100, 90, 80, 70, 60, 50, 40, 30}).daysLeft(Now), 3);
+    // Partial days round up: 35 left at 10 a day.
+    EXPECT_EQ(daily({105, 95, 85, 75, 65, 55, 45, 35}).daysLeft(Now), 4);
+    // Six days are not enough.
+    EXPECT_EQ(daily({90, 80, 70, 60, 50, 40, 30}).daysLeft(Now), std::nullopt);
+    // Only the first and the last sample set the rate.
+    EXPECT_EQ(daily({100, 99, 98, 97, 96, 95, 94, 30}).daysLeft(Now), 3);
+    // Run out, or in debt: nothing to forecast.
+    EXPECT_EQ(daily({70, 60, 50, 40, 30, 20, 10, 0}).daysLeft(Now), std::nullopt);
+    EXPECT_EQ(daily({65, 55, 45, 35, 25, 15, 5, -5}).daysLeft(Now), std::nullopt);
+    // Too few samples.
+    EXPECT_EQ(daily({}).daysLeft(Now), std::nullopt);
+    EXPECT_EQ(daily({50}).daysLeft(Now), std::nullopt);
+}
+
+TEST_F(BalanceHistoryTest, APaymentStartsTheForecastAfresh)
+{
+    // A rise three days before the end leaves too short a falling span.
+    EXPECT_EQ(daily({100, 90, 80, 70, 60, 50, 40, 30, 20, 200, 190, 180, 170}).daysLeft(Now), std::nullopt);
+    // A rise eight days before the end: only the span after it counts
+    // (210 down to 120 in 9 days: 10 a day).
+    EXPECT_EQ(daily({100, 90, 80, 210, 200, 190, 180, 170, 160, 150, 140, 130, 120}).daysLeft(Now), 12);
+    // A balance that only rose has no forecast.
+    EXPECT_EQ(daily({10, 20, 30, 40, 50, 60, 70, 80}).daysLeft(Now), std::nullopt);
+}
+
+TEST_F(BalanceHistoryTest, TheForecastLooksAtTheLastNinetyDaysOnly)
+{
+    BalanceHistory history(path);
+    history.record(Now - 100 * Day, 500);
+    history.record(Now - 5 * Day, 400);
+    history.record(Now, 300);
+    EXPECT_EQ(history.daysLeft(Now), std::nullopt) << "the fall within 90 days spans 5 days";
+
+    history.record(Now + Day, 290); // the 400 five days before is still within the window
+    EXPECT_EQ(history.daysLeft(Now + Day), std::nullopt);
+    history.record(Now + 3 * Day, 280); // 120 over 8 days: 15 a day
+    EXPECT_EQ(history.daysLeft(Now + 3 * Day), 19);
+    EXPECT_EQ(history.daysLeft(Now + 92 * Day), std::nullopt) << "only the last sample left in the window";
+}
