@@ -41,11 +41,16 @@ void ZEL5TrayApp::showMessages()
         return;
     MessagesDialog dialog(nullptr, nullptr, true);
     dialog.setMessageCollector(_messageCollector);
+    int width = 0, height = 0;
+    if (loadWindowSize(QStringLiteral("messages_dialog"), width, height))
+        dialog.resize(width, height);
     // Messages retrieved meanwhile wait until the user is done with the
     // store, then arrive as after any retrieval.
     messagesDialogOpen = true;
     runDialog(dialog);
     messagesDialogOpen = false;
+    if (dialog.wasShown() && dialog.size() != QSize(width, height))
+        saveWindowSize(QStringLiteral("messages_dialog"), dialog.width(), dialog.height());
     storePendingMessages();
 }
 

@@ -176,3 +176,30 @@ bool Config<TString>::_save(bool full)
 }
 
 template class Config<QString>;
+
+bool loadWindowSize(const QString& window, int& width, int& height)
+{
+    QSettings file(configFilePath(), QSettings::IniFormat);
+    file.beginGroup(window);
+    const int w = intValue(file, "width", -1);
+    const int h = intValue(file, "height", -1);
+    if (w < 50 || h < 50 || w > 20000 || h > 20000)
+        return false;
+    width = w;
+    height = h;
+    return true;
+}
+
+bool saveWindowSize(const QString& window, int width, int height)
+{
+    const QString path = configFilePath();
+    if (!makePrivate(path))
+        return false;
+    QSettings file(path, QSettings::IniFormat);
+    file.beginGroup(window);
+    file.setValue(QStringLiteral("width"), width);
+    file.setValue(QStringLiteral("height"), height);
+    file.endGroup();
+    file.sync();
+    return file.status() == QSettings::NoError && makePrivate(path);
+}

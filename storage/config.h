@@ -40,4 +40,9 @@ public:
 
 extern template class Config<QString>;
 
+// A window's size in the settings file, under a group of its own that the
+// settings above never touch. false when none is stored or it is unusable.
+bool loadWindowSize(const QString& window, int& width, int& height);
+bool saveWindowSize(const QString& window, int width, int height);
+
 #endif

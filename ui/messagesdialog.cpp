@@ -9,6 +9,7 @@
 #include <QKeySequence>
 #include <QLabel>
 #include <QPushButton>
+#include <QScreen>
 #include <QShowEvent>
 #include <QSpacerItem>
 #include <QVBoxLayout>
@@ -24,7 +25,8 @@ QLabel* makeHeaderLabel(QWidget* parent, const char* name, int stretch)
     label->setObjectName(QString::fromLatin1(name));
     label->setFrameShape(QFrame::Box);
     label->setTextFormat(Qt::PlainText);
-    QSizePolicy policy(QSizePolicy::MinimumExpanding, QSizePolicy::Fixed);
+    // Ignored: a long subject is cut, never widens the dialog while paging.
+    QSizePolicy policy(QSizePolicy::Ignored, QSizePolicy::Fixed);
     policy.setHorizontalStretch(stretch);
     label->setSizePolicy(policy);
     return label;
@@ -70,7 +72,7 @@ MessagesDialog::MessagesDialog(QWidget* parent, const char* name, bool modal, Qt
     buildLayout();
 
     languageChange();
-    resize(QSize(309, 179).expandedTo(minimumSizeHint()));
+    resize(defaultSize());
 
     connect(buttonOk, &QPushButton::clicked, this, &QDialog::accept);
     connect(btnPrev, &QPushButton::clicked, this, &MessagesDialog::previousMessage);
@@ -160,9 +162,20 @@ void MessagesDialog::updateMessage()
     std::string date;
     collector->currentMessage(subject, text, date);
     txtSubj->setText(QString::fromStdString(subject));
+    txtSubj->setToolTip(txtSubj->text());
     // The date comes formatted from the billing client.
     txtDate->setText(QString::fromStdString(date));
     frame->showHtml(QString::fromStdString(text));
+}
+
+QSize MessagesDialog::defaultSize() const
+{
+    // Big enough for a typical message with a table, never more than 80%
+    // of the screen.
+    QSize size(560, 420);
+    if (const QScreen* s = screen())
+        size = size.boundedTo(s->availableGeometry().size() * 0.8);
+    return size.expandedTo(minimumSizeHint());
 }
 
 void MessagesDialog::languageChange()
@@ -181,6 +194,7 @@ void MessagesDialog::languageChange()
 void MessagesDialog::showEvent(QShowEvent* e)
 {
     QDialog::showEvent(e);
+    shown = true;
     updateMessage();
 }
 

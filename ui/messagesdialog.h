@@ -24,6 +24,9 @@ public:
 
     // With no message to show, returns Accepted at once without showing.
     int exec() override;
+    // The size it opens at when none was remembered.
+    QSize defaultSize() const;
+    bool wasShown() const { return shown; }
 
 public slots:
     virtual void previousMessage();
@@ -48,6 +51,7 @@ private:
     QPushButton* btnDelete;
     QPushButton* buttonOk;
     MessageCollector* collector = nullptr;
+    bool shown = false;
 };
 
 #endif

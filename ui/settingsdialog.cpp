@@ -75,7 +75,10 @@ SettingsDialog::SettingsDialog(QWidget* parent, const char* name, bool modal, Qt
 
     connect(buttonOk, &QPushButton::clicked, this, &QDialog::accept);
     connect(buttonCancel, &QPushButton::clicked, this, &QDialog::reject);
+    for (QLineEdit* field : {txtServerAddress, txtServerPort, txtLogin})
+        connect(field, &QLineEdit::textChanged, this, &SettingsDialog::validate);
     applyTabOrder();
+    validate();
 }
 
 void SettingsDialog::buildNetworkBox()
@@ -88,6 +91,9 @@ void SettingsDialog::buildNetworkBox()
     txtServerPort = makeWidget<QLineEdit>(gbNetwork, "txtServerPort");
     txtServerPort->setMinimumWidth(100);
     txtServerPort->setMaxLength(5);
+    // Every digit; the range is checked by validate().
+    txtServerPort->setValidator(
+        new QRegularExpressionValidator(QRegularExpression(QStringLiteral("^\\d{0,5}$")), txtServerPort));
     textLabel7 = makeLabel(gbNetwork, "textLabel7");
     txtLogin = makeWidget<QLineEdit>(gbNetwork, "txtLogin");
     textLabel8 = makeLabel(gbNetwork, "textLabel8");
@@ -115,6 +121,37 @@ void SettingsDialog::buildNetworkBox()
         grid->addWidget(field, row, 1);
         ++row;
     }
+    lblAddressProblem = addProblemLabel(grid, 0, "lblAddressProblem");
+    lblPortProblem = addProblemLabel(grid, 1, "lblPortProblem");
+    lblLoginProblem = addProblemLabel(grid, 2, "lblLoginProblem");
+}
+
+QLabel* SettingsDialog::addProblemLabel(QGridLayout* grid, int row, const char* name)
+{
+    auto* label = makeWidget<QLabel>(gbNetwork, name);
+    label->setTextFormat(Qt::PlainText);
+    QPalette warning = label->palette();
+    warning.setColor(QPalette::WindowText, QColor(0xc0, 0x1c, 0x28));
+    label->setPalette(warning);
+    grid->addWidget(label, row, 2);
+    return label;
+}
+
+void SettingsDialog::validate()
+{
+    bool isNumber = false;
+    const int port = txtServerPort->text().toInt(&isNumber, 10);
+    QString portProblem;
+    if (txtServerPort->text().isEmpty())
+        portProblem = tr("Enter the port");
+    else if (!isNumber || port < 1 || port > 65535)
+        portProblem = tr("From 1 to 65535");
+    const QString addressProblem = txtServerAddress->text().trimmed().isEmpty() ? tr("Enter the address") : QString();
+    const QString loginProblem = txtLogin->text().isEmpty() ? tr("Enter the login") : QString();
+    lblPortProblem->setText(portProblem);
+    lblAddressProblem->setText(addressProblem);
+    lblLoginProblem->setText(loginProblem);
+    buttonOk->setEnabled(portProblem.isEmpty() && addressProblem.isEmpty() && loginProblem.isEmpty());
 }
 
 void SettingsDialog::buildOtherBox()
@@ -184,10 +221,6 @@ void SettingsDialog::languageChange()
     gbNetwork->setTitle(tr("Network settings"));
     textLabel5->setText(tr("Server address:"));
     textLabel6->setText(tr("Server Port:"));
-    // A translation may change the mask; keep what was typed across it.
-    const QString port = txtServerPort->text();
-    txtServerPort->setInputMask(tr("Ddddd; "));
-    txtServerPort->setText(port);
     textLabel7->setText(tr("Login:"));
     textLabel8->setText(tr("Password:"));
     textLabel9->setText(tr("Refresh Rate:"));
@@ -206,6 +239,7 @@ void SettingsDialog::languageChange()
     cbSaveSettings->setText(tr("Save settings"));
     buttonOk->setText(tr("&OK"));
     buttonCancel->setText(tr("&Cancel"));
+    validate();
 }
 
 void SettingsDialog::changeEvent(QEvent* e)
@@ -224,8 +258,7 @@ void SettingsDialog::importSettings(Config<QString>* cfg)
     txtPassword->setText(cfg->password);
     txtWebserverAddress->setText(cfg->webServerAddress);
     txtServerAddress->setText(cfg->address);
-    importedPort = cfg->port;
-    txtServerPort->setText(QString::number(cfg->port, 10)); // clears isModified()
+    txtServerPort->setText(QString::number(cfg->port, 10));
     cbTurnOnStart->setChecked(cfg->switchInternetOnStart);
     cbTurnOnExit->setChecked(cfg->switchInternetOnExit);
     cbStartOnSysStart->setChecked(cfg->startOnLogin);
@@ -243,11 +276,8 @@ void SettingsDialog::exportSettings(Config<QString>* cfg)
     cfg->password = txtPassword->text();
     cfg->webServerAddress = txtWebserverAddress->text();
     cfg->address = txtServerAddress->text();
-    // Empty or unparsable digits give 0.
-    if (importedPort >= 0 && !txtServerPort->isModified())
-        cfg->port = importedPort;
-    else
-        cfg->port = txtServerPort->text().trimmed().toInt(nullptr, 10);
+    // Empty or unparsable digits give 0; OK is disabled then.
+    cfg->port = txtServerPort->text().trimmed().toInt(nullptr, 10);
     cfg->switchInternetOnStart = cbTurnOnStart->isChecked();
     cfg->switchInternetOnExit = cbTurnOnExit->isChecked();
     cfg->startOnLogin = cbStartOnSysStart->isChecked();

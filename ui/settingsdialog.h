@@ -10,6 +10,7 @@ template <class TString>
 class Config;
 class QCheckBox;
 class QEvent;
+class QGridLayout;
 class QGroupBox;
 class QLabel;
 class QLineEdit;
@@ -62,9 +63,14 @@ private:
     QCheckBox* cbSaveSettings;
     QPushButton* buttonOk;
     QPushButton* buttonCancel;
-    // The port as imported (-1 before any import): the mask cannot show zero
-    // digits, so a field the user has not edited gives the imported port back.
-    int importedPort = -1;
+    // Enables OK only while the address, port and login are usable, and
+    // says beside each field what is wrong with it.
+    void validate();
+    QLabel* addProblemLabel(QGridLayout* grid, int row, const char* name);
+
+    QLabel* lblAddressProblem;
+    QLabel* lblPortProblem;
+    QLabel* lblLoginProblem;
 };
 
 #endif
