@@ -27,9 +27,16 @@ BUILD_PACKAGES=(
     qt6-l10n-tools qt6-qpa-plugins qt6-image-formats-plugins libqt6svg6
     libgl-dev libegl-dev libxkbcommon-dev
     dbus dbus-daemon  # the private buses of the desktop tests
+    desktop-file-utils appstream dpkg-dev  # the validators of the installed entries
 )
 
 # What the headless demo needs on top.
 DEMO_PACKAGES=(
     xvfb xauth trayer x11-apps xdotool imagemagick fonts-dejavu-core
+)
+
+# What scripts/package needs on top: dpkg-shlibdeps and dpkg-deb, and file,
+# with which CPack finds the programs whose libraries make the dependencies.
+PACKAGE_PACKAGES=(
+    dpkg-dev file binutils
 )
