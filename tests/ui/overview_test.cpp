@@ -1,0 +1,301 @@
+// The account overview and its charts. With ZEL5_OVERVIEW_SHOTS set to a
+// folder, the rendering test also saves its pictures there for a look.
+#include "accountoverview.h"
+#include "balancechart.h"
+#include "trafficchart.h"
+
+#include <QApplication>
+#include <QLabel>
+#include <QPainter>
+#include <QPointer>
+#include <QStyle>
+#include <QTemporaryDir>
+#include <QTest>
+
+#include <gtest/gtest.h>
+
+namespace {
+
+constexpr qint64 Day = 86400;
+constexpr double MiB = 1048576.0;
+
+long long mib(double n)
+{
+    return static_cast<long long>(n * MiB);
+}
+
+MiniClient::ServiceReport service(const std::string& name, std::vector<MiniClient::TClassReport> oldPrepaid,
+                                  std::vector<MiniClient::TClassReport> prepaid,
+                                  std::vector<MiniClient::TClassReport> downloaded)
+{
+    return {name, std::move(oldPrepaid), std::move(prepaid), std::move(downloaded)};
+}
+
+QString rowsText(const TrafficChart& chart)
+{
+    QStringList rows;
+    for (const TrafficChart::Row& r : chart.rows())
+        rows << QStringLiteral("%1 %2 %3/%4/%5").arg(r.id).arg(r.name).arg(r.downloaded).arg(r.prepaid).arg(r.oldPrepaid);
+    return rows.join(QStringLiteral(", "));
+}
+
+QPalette darkPalette()
+{
+    QPalette p;
+    p.setColor(QPalette::Window, QColor(45, 45, 48));
+    p.setColor(QPalette::WindowText, QColor(235, 235, 235));
+    p.setColor(QPalette::Base, QColor(30, 30, 32));
+    p.setColor(QPalette::AlternateBase, QColor(50, 50, 54));
+    p.setColor(QPalette::Text, QColor(235, 235, 235));
+    p.setColor(QPalette::Button, QColor(55, 55, 58));
+    p.setColor(QPalette::ButtonText, QColor(235, 235, 235));
+    p.setColor(QPalette::Highlight, QColor(61, 142, 230));
+    p.setColor(QPalette::HighlightedText, Qt::white);
+    p.setColor(QPalette::Light, QColor(80, 80, 84));
+    p.setColor(QPalette::Midlight, QColor(65, 65, 68));
+    p.setColor(QPalette::Mid, QColor(100, 100, 104));
+    p.setColor(QPalette::Dark, QColor(20, 20, 20));
+    p.setColor(QPalette::Shadow, Qt::black);
+    return p;
+}
+
+// How many pixels of `image` lie within `tolerance` of `color` in each channel.
+int pixelsNear(const QImage& image, const QColor& color, int tolerance = 40)
+{
+    int count = 0;
+    for (int y = 0; y < image.height(); ++y) {
+        for (int x = 0; x < image.width(); ++x) {
+            const QColor c = image.pixelColor(x, y);
+            if (std::abs(c.red() - color.red()) <= tolerance && std::abs(c.green() - color.green()) <= tolerance
+                && std::abs(c.blue() - color.blue()) <= tolerance)
+                ++count;
+        }
+    }
+    return count;
+}
+
+// A widget drawn as a screen of device pixel ratio 2 would show it.
+QImage renderAt2x(QWidget& w)
+{
+    QPixmap pixmap(w.size() * 2);
+    pixmap.setDevicePixelRatio(2);
+    pixmap.fill(w.palette().color(QPalette::Window));
+    w.render(&pixmap);
+    return pixmap.toImage();
+}
+
+class OverviewTest : public ::testing::Test {
+protected:
+    void SetUp() override { ASSERT_TRUE(dir.isValid()); }
+    void TearDown() override { QApplication::setPalette(QApplication::style()->standardPalette()); }
+
+    // A history ending now: the balances given, one a day.
+    void fillHistory(const QVector<double>& balances)
+    {
+        const qint64 first = now - (balances.size() - 1) * Day;
+        for (qsizetype i = 0; i < balances.size(); ++i)
+            history.record(first + i * Day, balances[i]);
+    }
+    AccountOverview::State state(bool online, bool known) const
+    {
+        AccountOverview::State s;
+        s.online = online, s.known = known, s.internetOn = true, s.balance = 1234.5;
+        s.lastRefresh = QDateTime::fromSecsSinceEpoch(now);
+        s.reports = &reports, s.history = &history;
+        return s;
+    }
+    QLabel* label(const AccountOverview& w, const char* name) const
+    {
+        return w.findChild<QLabel*>(QString::fromLatin1(name));
+    }
+
+    QTemporaryDir dir;
+    const qint64 now = QDateTime::currentSecsSinceEpoch();
+    BalanceHistory history{dir.filePath("balance_history")};
+    MiniClient::ServiceList reports;
+};
+
+} // namespace
+
+TEST(TrafficChartTest, RowsAreTheClassesOfAllThreeListsInTheReportsUnit)
+{
+    TrafficChart chart;
+    chart.setReport(service("Home", {{1, "Local", mib(2)}},
+                            {{2, "World", mib(100)}, {1, "", mib(10)}, {4, "", 512}},
+                            {{2, "World", mib(50)}, {3, "Night", mib(1.5)},
+                             {2, "World", mib(1)}, {4, "Video", 0}}),
+                    MiB);
+    // Old prepaid stays apart from prepaid; a class listed twice adds up; a
+    // name comes from whichever list has one.
+    EXPECT_EQ(rowsText(chart), "1 Local 0/10/2, 2 World 51/100/0, 4 Video 0/0.000488281/0, 3 Night 1.5/0/0");
+    const int fourRows = chart.sizeHint().height();
+
+    chart.setReport(service("Home", {}, {}, {{7, "Mail", 3000}}), 0); // no divisor: the sizes as they came
+    EXPECT_EQ(rowsText(chart), "7 Mail 3000/0/0");
+    EXPECT_LT(chart.sizeHint().height(), fourRows);
+    chart.setReport(service("Empty", {}, {}, {}), MiB);
+    EXPECT_TRUE(chart.rows().isEmpty());
+}
+
+TEST_F(OverviewTest, TheTextsTellOnlineOfflineAndNeverKnownApart)
+{
+    AccountOverview w;
+    EXPECT_EQ(w.objectName(), "AccountOverview");
+    EXPECT_EQ(w.windowTitle(), "Account");
+    EXPECT_TRUE(w.isWindow());
+    const QString updated = "Updated " + QLocale().toString(QDateTime::fromSecsSinceEpoch(now), QLocale::ShortFormat);
+
+    w.setState(state(true, true));
+    EXPECT_EQ(w.balanceText(), QLocale().toString(1234.5, 'f', 2));
+    EXPECT_TRUE(w.statusText().startsWith("Internet: on")) << w.statusText().toStdString();
+    EXPECT_TRUE(w.statusText().endsWith(updated)) << w.statusText().toStdString();
+    EXPECT_FALSE(w.statusText().contains("Offline"));
+
+    AccountOverview::State offline = state(false, true);
+    offline.internetOn = false;
+    w.setState(offline);
+    EXPECT_EQ(w.balanceText(), QLocale().toString(1234.5, 'f', 2)) << "the last known balance stays";
+    EXPECT_TRUE(w.statusText().startsWith("Offline — last known values\nInternet: off"));
+    EXPECT_TRUE(w.statusText().endsWith(updated));
+
+    w.setState(state(false, false));
+    EXPECT_EQ(w.statusText(), "No account data yet");
+    EXPECT_EQ(w.balanceText(), "");
+    EXPECT_TRUE(w.findChild<QWidget*>("scroll")->isHidden()) << "no charts without account data";
+
+    // The balance in the user's own notation.
+    const QLocale english;
+    QLocale::setDefault(QLocale(QLocale::German, QLocale::Germany));
+    w.setState(state(true, true));
+    QLocale::setDefault(english);
+    EXPECT_EQ(w.balanceText(), "1.234,50");
+    EXPECT_FALSE(w.findChild<QWidget*>("scroll")->isHidden());
+}
+
+TEST_F(OverviewTest, EachServiceHasItsChartAndNoReportSaysSo)
+{
+    AccountOverview w;
+    reports = {service("Home", {}, {{1, "World", 100}}, {{1, "World", 50}}), service("Office", {}, {}, {}),
+               service("Dacha", {}, {}, {{9, "Local", 7}})};
+    w.setState(state(true, true));
+    ASSERT_EQ(w.trafficCharts().size(), 3);
+    EXPECT_EQ(rowsText(*w.trafficCharts()[2]), QString("9 Local %1/0/0").arg(7 / MiB));
+    EXPECT_TRUE(label(w, "noTraffic")->isHidden());
+    QStringList names;
+    for (QLabel* l : w.findChildren<QLabel*>("serviceName"))
+        names << l->text();
+    EXPECT_EQ(names, QStringList({"Home", "Office", "Dacha"}));
+
+    QPointer<TrafficChart> dropped = w.trafficCharts()[1];
+    reports.pop_back(), reports.pop_back();
+    w.setState(state(true, true));
+    EXPECT_EQ(w.trafficCharts().size(), 1);
+    EXPECT_TRUE(dropped.isNull());
+    EXPECT_EQ(w.findChildren<QLabel*>("serviceName").size(), 1);
+
+    for (const MiniClient::ServiceList* none : {&reports, static_cast<MiniClient::ServiceList*>(nullptr)}) {
+        reports.clear();
+        AccountOverview::State s = state(true, true);
+        s.reports = none;
+        w.setState(s);
+        EXPECT_TRUE(w.trafficCharts().isEmpty());
+        EXPECT_FALSE(label(w, "noTraffic")->isHidden());
+        EXPECT_EQ(label(w, "noTraffic")->text(), "No traffic report yet");
+    }
+}
+
+TEST_F(OverviewTest, TheBalanceChartAndForecastNeedEnoughHistory)
+{
+    AccountOverview w;
+    AccountOverview::State s = state(true, true);
+    s.history = nullptr;
+    w.setState(s);
+    EXPECT_TRUE(w.balanceChart()->isHidden());
+    EXPECT_FALSE(label(w, "noHistory")->isHidden());
+    EXPECT_EQ(w.forecastText(), "");
+
+    history.record(now - 200 * Day, 900); // outside the chart's 90 days
+    fillHistory({90, 80, 70, 60, 50, 40, 30}); // six days
+    w.setState(state(true, true));
+    EXPECT_FALSE(w.balanceChart()->isHidden());
+    EXPECT_EQ(w.balanceChart()->samples().size(), 7);
+    EXPECT_TRUE(label(w, "noHistory")->isHidden());
+    EXPECT_EQ(w.forecastText(), "") << "six days of falling balance are too few";
+
+    history.record(now + Day, 20); // seven days: 70 down in 7 days, 20 left
+    w.setState(state(true, true));
+    EXPECT_EQ(w.forecastText(), "At this rate the balance lasts about 2 days");
+    history.record(now + 2 * Day, 200); // a payment
+    w.setState(state(true, true));
+    EXPECT_EQ(w.forecastText(), "");
+}
+
+TEST_F(OverviewTest, ClosingOnlyHidesTheWindow)
+{
+    QPointer<AccountOverview> w = new AccountOverview;
+    w->setState(state(true, true));
+    const QSize size = w->size();
+    EXPECT_LE(size.width(), 520);
+    EXPECT_LE(size.height(), 600);
+    for (int way = 0; way < 2; ++way) {
+        w->show();
+        ASSERT_TRUE(QTest::qWaitForWindowExposed(w, 5000));
+        if (way == 0)
+            w->close();
+        else
+            QTest::keyClick(w, Qt::Key_Escape);
+        EXPECT_FALSE(w->isVisible()) << "way " << way;
+        ASSERT_FALSE(w.isNull());
+    }
+    QApplication::processEvents();
+    EXPECT_FALSE(w.isNull());
+    delete w;
+}
+
+// Drawn at a device pixel ratio of 2 in a light and a dark style, the texts
+// stand out from the background in the style's own text colour.
+TEST_F(OverviewTest, TheChartsAreLegibleInLightAndDarkStyles)
+{
+    reports = {service("Home internet", {{1, "Local", mib(300)}},
+                       {{1, "Local", mib(1000)}, {2, "World", mib(5000)}},
+                       {{1, "Local", mib(1180)}, {2, "World", mib(2321.7)},
+                        {3, "Night", mib(800)}}),
+               service("Office", {}, {{5, "World", mib(2000)}}, {{5, "World", mib(150)}})};
+    fillHistory({40, 300, 290, 282, 270, 262, 255, 240, 233, 220, 212, 205, 199, 185, 170});
+    const QString shots = qEnvironmentVariable("ZEL5_OVERVIEW_SHOTS");
+    for (const auto& [name, palette] : {std::pair{"light", QApplication::style()->standardPalette()},
+                                        std::pair{"dark", darkPalette()}}) {
+        QApplication::setPalette(palette);
+        AccountOverview w;
+        w.setState(state(true, true));
+        w.resize(520, 760);
+        w.show();
+        ASSERT_TRUE(QTest::qWaitForWindowExposed(&w, 5000));
+        const QImage image = renderAt2x(w);
+        ASSERT_EQ(image.size(), w.size() * 2);
+        if (!shots.isEmpty())
+            image.save(shots + "/overview-" + name + ".png");
+
+        const QColor text = palette.color(QPalette::Text);
+        for (QWidget* chart : {static_cast<QWidget*>(w.trafficCharts().first()), static_cast<QWidget*>(w.balanceChart())}) {
+            ASSERT_GT(chart->width(), 100);
+            const QImage drawn = renderAt2x(*chart);
+            EXPECT_GT(pixelsNear(drawn, text), 100) << name << " " << chart->metaObject()->className();
+            EXPECT_GT(pixelsNear(drawn, palette.color(QPalette::Highlight)), 100) << name;
+            EXPECT_GT(pixelsNear(drawn, palette.color(QPalette::Base), 8), drawn.width() * drawn.height() / 3) << name;
+        }
+        EXPECT_GT(pixelsNear(image, palette.color(QPalette::WindowText)), 200) << name;
+    }
+}
+
+// The interface tests need a QApplication; they run without a display.
+int main(int argc, char** argv)
+{
+    if (!qEnvironmentVariableIsSet("QT_QPA_PLATFORM"))
+        qputenv("QT_QPA_PLATFORM", "offscreen");
+    QApplication app(argc, argv);
+    QApplication::setStyle(QStringLiteral("Fusion"));
+    QLocale::setDefault(QLocale(QLocale::English, QLocale::UnitedStates));
+    ::testing::InitGoogleTest(&argc, argv);
+    return RUN_ALL_TESTS();
+}
