@@ -74,6 +74,12 @@ int RPC2Stream::round_ms()
 
 int RPC2Stream::wait_ready(short events)
 {
+    // Without a socket there is nothing to wait for, only a failure.
+    if (sc <= 0) {
+        flags |= ef_socket;
+        errcode = ec_inval;
+        return ec_inval;
+    }
     for (;;) {
         const int ms = round_ms();
         if (ms < 0)
