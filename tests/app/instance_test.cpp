@@ -39,7 +39,6 @@
 #include <functional>
 #include <iterator>
 #include <memory>
-#include <sstream>
 #include <string>
 #include <vector>
 
@@ -177,32 +176,32 @@ protected:
         }
     }
 
-    // A later start must end with 0 within its bound.
-    static ::testing::AssertionResult endsAsLaterStart(ChildProcess& tray, long long* tookMs = nullptr)
+    // The tray ends with 0 within bound.
+    static ::testing::AssertionResult endsWithZero(ChildProcess& tray, std::chrono::milliseconds bound,
+                                                   const std::string& what, long long* tookMs = nullptr)
     {
         const auto start = Clock::now();
-        const auto ended = tray.waitExit(laterStartBound);
+        const auto ended = tray.waitExit(bound);
         if (tookMs)
             *tookMs = msSince(start);
         if (!ended)
-            return ::testing::AssertionFailure() << "waited " << laterStartBound.count()
-                                                 << " s for a later start to end\n" << tray.stderrText();
+            return ::testing::AssertionFailure() << "waited " << bound.count() << " ms for " << what << "\n"
+                                                 << tray.stderrText();
         if (ended->code() != 0)
-            return ::testing::AssertionFailure() << "a later start " << ended->describe() << "\n" << tray.stderrText();
+            return ::testing::AssertionFailure() << what << ": " << ended->describe() << "\n" << tray.stderrText();
         return ::testing::AssertionSuccess();
+    }
+
+    static ::testing::AssertionResult endsAsLaterStart(ChildProcess& tray, long long* tookMs = nullptr)
+    {
+        return endsWithZero(tray, laterStartBound, "a later start to end", tookMs);
     }
 
     static ::testing::AssertionResult stopsCleanly(ChildProcess& tray)
     {
         if (!tray.signal(SIGTERM))
             return ::testing::AssertionFailure() << "cannot send SIGTERM to the tray";
-        const auto ended = tray.waitExit(shutdownBound);
-        if (!ended)
-            return ::testing::AssertionFailure() << "waited " << shutdownBound.count() << " s for the tray to end after SIGTERM\n"
-                                                 << tray.stderrText();
-        if (ended->code() != 0)
-            return ::testing::AssertionFailure() << "after SIGTERM the tray " << ended->describe() << "\n" << tray.stderrText();
-        return ::testing::AssertionSuccess();
+        return endsWithZero(tray, shutdownBound, "the tray to end after SIGTERM");
     }
 
     // Gives a second connection a moment to reach the simulator, should a
@@ -228,7 +227,6 @@ TEST_F(TrayInstanceTest, ALaterStartShowsTheRunningTrayAndLeavesSettingsStoreAnd
     auto second = startTray();
     long long tookMs = 0;
     ASSERT_TRUE(endsAsLaterStart(*second, &tookMs));
-    RecordProperty("later_start_ms", std::to_string(tookMs));
     std::printf("[ timing   ] the later start ended after %lld ms\n", tookMs);
 
     EXPECT_FALSE(first->waitExit(0ms)) << "the first tray ended\n" << first->stderrText();
