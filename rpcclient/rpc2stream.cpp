@@ -148,7 +148,7 @@ int RPC2Stream::recv_packet()
         return ec_inval;
     }
     // A bounded stream starts a packet only before its deadline and while
-    // not cancelled; either way nothing that arrived yet reads as "not yet".
+    // not cancelled. A round without input is "not yet" in either mode.
     int pr;
     if (bounded()) {
         const int ms = round_ms();
