@@ -84,7 +84,8 @@ BalanceChart::Frame BalanceChart::frame() const
         v0 -= margin, v1 += margin;
     }
     // The axis ends on ticks, so the line never touches an unlabelled edge.
-    f.step = niceStep(v1 - v0, 4);
+    // Never finer than the cent the balance is shown in.
+    f.step = std::max(niceStep(v1 - v0, 4), 0.01);
     f.v0 = std::floor(v0 / f.step) * f.step;
     f.v1 = std::ceil(v1 / f.step) * f.step;
     // Counted, not stepped to: a step below the values' precision would never arrive.
