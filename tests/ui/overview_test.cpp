@@ -137,6 +137,29 @@ TEST(TrafficChartTest, RowsAreTheClassesOfAllThreeListsInTheReportsUnit)
     EXPECT_TRUE(chart.rows().isEmpty());
 }
 
+// Odd histories still give a finished picture with the line in it: no
+// endless tick loop for values beyond double's precision or dates beyond
+// the calendar, no division by an empty range.
+TEST(BalanceChartTest, AnyHistoryIsDrawn)
+{
+    const QVector<QVector<BalanceHistory::Sample>> histories = {
+        {{1700000000, 5}},
+        {{1700000000, 5}, {1700000060, 5}},
+        {{1700000000, 1e17}, {1700086400, 1e17 + 16}},
+        {{1700000000, -50}, {1707000000, -80}},
+        {{1700000000, 100.001}, {1700086400, 100.002}},
+        {{0, 1}, {4000000000000, 2}},
+        {{-4000000000000, 1}, {1700000000, -1}},
+    };
+    BalanceChart chart;
+    chart.resize(300, 200);
+    for (const auto& samples : histories) {
+        chart.setSamples(samples, samples.constLast().time + 3600);
+        const QImage image = renderAt2x(chart);
+        EXPECT_GT(pixelsNear(image, chart.palette().color(QPalette::Highlight)), 20) << samples.constLast().balance;
+    }
+}
+
 TEST_F(OverviewTest, TheTextsTellOnlineOfflineAndNeverKnownApart)
 {
     AccountOverview w;
