@@ -1,12 +1,16 @@
 #include "zel5trayapp.h"
 
+#include "accountoverview.h"
+#include "balancehistory.h"
 #include "config.h"
 #include "desktopnotifier.h"
 #include "filefinderqt.h"
 #include "messagecollector.h"
 #include "zel5icon.h"
 
+#include <QDateTime>
 #include <QMutex>
+#include <QTimer>
 #include <QTimerEvent>
 
 namespace {
@@ -58,7 +62,7 @@ int ZEL5TrayApp::init()
     connect(icon, &ZEL5Icon::menuAboutToShow, this, &ZEL5TrayApp::updateMenuAndPrepaid);
     connect(icon, &ZEL5Icon::menuAboutToShow, this, &ZEL5TrayApp::showNewMessages);
     connect(icon, &ZEL5Icon::iconSelected, this, &ZEL5TrayApp::tryToConnect);
-    connect(icon, &ZEL5Icon::iconSelected, this, &ZEL5TrayApp::showNewMessages);
+    connect(icon, &ZEL5Icon::iconSelected, this, &ZEL5TrayApp::iconClicked);
     connect(icon, &ZEL5Icon::viewMessagesSelected, this, &ZEL5TrayApp::showMessages);
     connect(icon, &ZEL5Icon::ZELAtWebSelected, this, &ZEL5TrayApp::showZELAtWeb);
 
@@ -66,6 +70,9 @@ int ZEL5TrayApp::init()
         _cfg->loaded = true;
     else
         showSettings();
+
+    history = new BalanceHistory(BalanceHistory::defaultPath());
+    history->load();
 
     prepaidStale = true;
     watchDesktop();
@@ -95,6 +102,11 @@ int ZEL5TrayApp::deinit()
 
     delete trayWatch;
     trayWatch = nullptr;
+    delete overview;
+    overview = nullptr;
+    delete history;
+    history = nullptr;
+
     delete notifier;
     notifier = nullptr;
     delete icon;
@@ -176,6 +188,9 @@ void ZEL5TrayApp::tryToConnect()
     }
     reconnectPending = false;
     submit(steps);
+    attemptRunning = true;
+    if (!icon->online)
+        displayUpdates(false); // "Connecting…"
     startMutex.unlock();
 }
 
@@ -226,8 +241,12 @@ void ZEL5TrayApp::applyOutcome(TryToConnectThread::Outcome& outcome)
             processConnection();
         else
             displayUpdates(newMessages);
-        if (outcome.statusRead && view.connected)
+        if (outcome.statusRead && view.connected) {
+            lastRefresh = QDateTime::currentSecsSinceEpoch();
+            everKnown = true;
+            history->record(lastRefresh, view.balance);
             watchBalance();
+        }
         scheduleRetry(outcome);
         if (reconnectIfCheckFails && !(outcome.steps & TryToConnectThread::Connect)) {
             reconnectIfCheckFails = false;
@@ -235,16 +254,85 @@ void ZEL5TrayApp::applyOutcome(TryToConnectThread::Outcome& outcome)
                 reconnectPending = true;
         }
     }
+    updateOverview();
+    emit stateChanged();
     if (thread->busy())
         return;
     if (sessionCheckPending)
         runSessionCheck();
     else if (reconnectPending)
         tryToConnect();
+    else if (refreshPending)
+        refreshNow();
+}
+
+void ZEL5TrayApp::refreshNow()
+{
+    if (thread->busy()) {
+        refreshPending = true;
+        return;
+    }
+    refreshPending = false;
+    if (!clientConnected()) {
+        tryToConnect();
+        return;
+    }
+    bool newMessages = false;
+    processTimerRefresh(newMessages);
+}
+
+bool ZEL5TrayApp::newMessagesSignalled() const
+{
+    return icon && icon->notify;
+}
+
+void ZEL5TrayApp::showAccount()
+{
+    // Made on first use: a tray that is never asked for it stays lean.
+    if (!overview)
+        overview = new AccountOverview;
+    updateOverview(true);
+    overview->show();
+    overview->raise();
+    overview->activateWindow();
+}
+
+void ZEL5TrayApp::iconClicked()
+{
+    if (icon->notify)
+        showNewMessages();
+    else
+        showAccount();
+}
+
+void ZEL5TrayApp::updateOverview(bool evenHidden)
+{
+    // Hidden, it is brought up to date when shown again.
+    if (!overview || !_cfg || (!evenHidden && !overview->isVisible()))
+        return;
+    AccountOverview::State state;
+    state.online = view.connected;
+    state.known = everKnown;
+    state.internetOn = view.internetStatus != 0;
+    state.balance = view.balance;
+    if (lastRefresh > 0)
+        state.lastRefresh = QDateTime::fromSecsSinceEpoch(lastRefresh);
+    state.sizeDivisor = view.sizeDivisor != 0 ? double(view.sizeDivisor) : 1048576.0;
+    state.reports = &reports;
+    state.history = history;
+    overview->setState(state);
 }
 
 void ZEL5TrayApp::applyState(TryToConnectThread::Outcome& outcome)
 {
+    if (outcome.steps & TryToConnectThread::Connect) {
+        attemptRunning = false;
+        if (outcome.connectResult != MiniClient::rcOk)
+            noteFailedConnect(outcome.connectResult, outcome.connectError);
+    } else if (view.connected && !outcome.connected) {
+        // A session lost in a call: the server stopped answering.
+        offlineReason = Unreachable;
+    }
     view.connected = outcome.connected;
     view.internetStatus = outcome.internetStatus;
     view.balance = outcome.balance;
@@ -343,7 +431,7 @@ void ZEL5TrayApp::displayUpdates(bool newMessages)
         icon->setTooltip(tr("Balance: %1").arg(view.balance, 0, 'f', 2));
     } else {
         icon->setOnlineStatus(false);
-        icon->setTooltip(QString());
+        icon->setTooltip(offlineText());
     }
     if (newMessages)
         icon->setNotify(true);

@@ -19,7 +19,10 @@ class QDialog;
 class QEvent;
 class QTimer;
 class QTimerEvent;
+class AccountOverview;
+class BalanceHistory;
 class DesktopNotifier;
+class TrayBusService;
 class ZEL5Icon;
 
 class ZEL5TrayApp : public QObject {
@@ -53,6 +56,23 @@ public:
         int sizeDivisor = 0;
     };
     const AccountView& account() const { return view; }
+    // What the tray shows, for the session bus and the overview.
+    const MiniClient::ServiceList& report() const { return reports; }
+    bool newMessagesSignalled() const;
+    qint64 lastRefreshTime() const { return lastRefresh; }
+    MessageCollector* store() const { return _messageCollector; }
+    AccountOverview* accountOverview() const { return overview; }
+
+signals:
+    // After every change of what the tray shows.
+    void stateChanged();
+
+public slots:
+    // A refresh at once, as a tick does (a connection attempt when offline);
+    // after the exchange under way if there is one.
+    void refreshNow();
+    // The overview window: opened, or raised when open.
+    void showAccount();
 
 protected slots:
     void showAbout();
@@ -63,6 +83,8 @@ protected slots:
     void showMessages();
     void showNewMessages();
     void showZELAtWeb();
+    // A left click: the signalled messages, or else the overview.
+    void iconClicked();
     // The machine woke up (false) or is going to sleep (true).
     void onPrepareForSleep(bool sleeping);
 
@@ -108,6 +130,10 @@ private:
     void runSessionCheck();
     void watchDesktop();
     void onNotificationAction(int kind, const QString& action);
+    // Why the tray is offline, in the user's words, and what helps.
+    enum OfflineReason { NotYetKnown, IncompleteSettings, Unreachable, LoginRefused, NotABillingServer };
+    void noteFailedConnect(int result, int error);
+    QString offlineText() const;
     void storePendingMessages();
     void takeOutcomesLeft();
     void watchForTray();
@@ -133,6 +159,17 @@ private:
     bool reconnectIfCheckFails = false;
     bool lowBalanceTold = false;
     bool networkOnline = true;
+    bool attemptRunning = false;
+    OfflineReason offlineReason = NotYetKnown;
+    // A refused login is told once until the login or password changes.
+    bool loginRefusalTold = false;
+    bool refreshPending = false;
+    qint64 lastRefresh = 0;   // seconds since the epoch of the last status read
+    bool everKnown = false;   // a status was ever read
+    BalanceHistory* history = nullptr;
+    AccountOverview* overview = nullptr;
+    TrayBusService* busService = nullptr;
+    void updateOverview(bool evenHidden = false);
 };
 
 #endif

@@ -3,6 +3,7 @@
 
 #include "aboutdialog.h"
 #include "config.h"
+#include "desktopnotifier.h"
 #include "messagesdialog.h"
 #include "miniclient.h"
 #include "settingsdialog.h"
@@ -52,6 +53,7 @@ void ZEL5TrayApp::showMessages()
     if (dialog.wasShown() && dialog.size() != QSize(width, height))
         saveWindowSize(QStringLiteral("messages_dialog"), dialog.width(), dialog.height());
     storePendingMessages();
+    emit stateChanged();
 }
 
 void ZEL5TrayApp::showAbout()
@@ -67,7 +69,10 @@ void ZEL5TrayApp::showSettings()
     if (runDialog(dialog) != QDialog::Accepted)
         return;
 
+    const QString loginWas = _cfg->login, passwordWas = _cfg->password;
     dialog.exportSettings(_cfg);
+    if (_cfg->login != loginWas || _cfg->password != passwordWas)
+        loginRefusalTold = false;
     if (_cfg->saveSettings)
         _cfg->_save(true);
     runTimer();
@@ -83,5 +88,10 @@ void ZEL5TrayApp::showSettings()
 void ZEL5TrayApp::showZELAtWeb()
 {
     const QString address = QStringLiteral("https://%1%2").arg(_cfg->webServerAddress, tr("/cgi-bin/zel5/aaa5"));
-    QDesktopServices::openUrl(QUrl(address));
+    if (QDesktopServices::openUrl(QUrl(address)) || !notifier)
+        return;
+    // Nothing on this desktop opens web addresses: give the address to copy.
+    notifier->notify(DesktopNotifier::WebUnavailable, tr("Cannot open the web cabinet"),
+                     tr("No program on this desktop opens web addresses. The cabinet is at %1").arg(address),
+                     DesktopNotifier::Normal);
 }

@@ -99,10 +99,55 @@ void ZEL5TrayApp::scheduleRetry(const TryToConnectThread::Outcome& outcome)
     // after accepted settings is no failure.
     if (outcome.connectResult == MiniClient::rcIncompleteSettings || outcome.steps == TryToConnectThread::Disconnect)
         return;
+    // Trying a refused password again and again could lock the account; the
+    // refresh tick and a click still try.
+    if (offlineReason == LoginRefused)
+        return;
     if (retryTimer->isActive())
         return;
     retryTimer->start(retryDelayMs);
     retryDelayMs = std::min(retryDelayMs * 2, std::max(firstRetryMs, _cfg->refreshRate * 1000));
+}
+
+void ZEL5TrayApp::noteFailedConnect(int result, int error)
+{
+    // errno-style reasons of the protocol library: 13 refused, 74 not the
+    // protocol; the rest (time-outs, refused connections, no route) mean
+    // the server cannot be reached.
+    if (result == MiniClient::rcIncompleteSettings)
+        offlineReason = IncompleteSettings;
+    else if (result == MiniClient::rcSessionFailed && error == 13)
+        offlineReason = LoginRefused;
+    else if (result == MiniClient::rcSessionFailed && error == 74)
+        offlineReason = NotABillingServer;
+    else
+        offlineReason = Unreachable;
+    if (offlineReason != LoginRefused || loginRefusalTold || !notifier)
+        return;
+    loginRefusalTold = true;
+    notifier->notify(DesktopNotifier::LoginRefused, tr("Login refused"),
+                     tr("The billing server refused the login. Check the login and password in the settings."),
+                     DesktopNotifier::Normal, {QStringLiteral("settings"), tr("Settings")});
+}
+
+QString ZEL5TrayApp::offlineText() const
+{
+    const QString server = _cfg ? _cfg->address : QString();
+    const QString port = _cfg ? QString::number(_cfg->port) : QString();
+    QString reason;
+    if (!networkOnline)
+        reason = tr("No network");
+    else if (attemptRunning || offlineReason == NotYetKnown)
+        reason = tr("Connecting…");
+    else if (offlineReason == IncompleteSettings)
+        reason = tr("Settings incomplete");
+    else if (offlineReason == LoginRefused)
+        reason = tr("Login refused: check the login and password in the settings");
+    else if (offlineReason == NotABillingServer)
+        reason = tr("Not a billing server at %1:%2").arg(server, port);
+    else
+        reason = tr("Server not reachable: %1:%2").arg(server, port);
+    return reason + QLatin1Char('\n') + tr("Click to try again");
 }
 
 void ZEL5TrayApp::tellNewMessages(int count, const QString& newest)
@@ -132,6 +177,10 @@ void ZEL5TrayApp::watchBalance()
 
 void ZEL5TrayApp::onNotificationAction(int kind, const QString& action)
 {
+    if (kind == DesktopNotifier::LoginRefused && action == QLatin1String("settings")) {
+        QTimer::singleShot(0, this, &ZEL5TrayApp::showSettings);
+        return;
+    }
     if (kind != DesktopNotifier::NewMessages || (action != QLatin1String("show") && action != QLatin1String("default")))
         return;
     // As a click on the blinking icon; the dialog runs after this signal.

@@ -1,6 +1,7 @@
 #include "rpcclient.h"
 #include "rpc2packet.h"
 
+#include <cerrno>
 #include <cstdio>
 #include <cstring>
 #include <memory>
@@ -278,8 +279,9 @@ int RPCClient::login_answer(const RPC2::key128_t* accepted_key)
     if (answer.get_attr(ra_ssl_request, ssl) == ec_ok && ssl != rsr_ssl_none) {
         // The handshake has a bound of its own.
         _rst.set_timeout(_login_ms);
+        // A failed handshake is no refused login: its own reason.
         if (const int r = _rst.ssl_connect(ssl))
-            return login_failed(r, ec_access);
+            return login_failed(r, EPROTO);
     }
     return login_done();
 }

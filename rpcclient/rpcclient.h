@@ -68,9 +68,9 @@ public:
     void set_cancel(const std::atomic<bool>* flag);
     // Why the last connect or login failed, errno-style: ec_timedout when
     // a bound passed, the socket's error (ECONNREFUSED, ...) of a failed
-    // connect, ec_pipe when cancelled, ec_access for a refused login or a
-    // failed TLS handshake, ec_badmsg for a wrong greeting or answer, 0
-    // after success.
+    // connect, ec_pipe when cancelled, ec_access for a refused login, EPROTO
+    // for a failed TLS handshake, ec_badmsg for a wrong greeting or answer,
+    // 0 after success.
     int last_error() const { return _last_error; }
 
     int connect();

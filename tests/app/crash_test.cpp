@@ -183,11 +183,16 @@ TEST(CrashTest, KilledAtAnyMomentTheStoreEndsWithEveryMessageOnce)
     const std::string configHome = dir.filePath(QStringLiteral("config")).toStdString();
     const std::string dataHome = dir.filePath(QStringLiteral("data")).toStdString();
     const std::string store = dataHome + "/zel5_tray/messages";
+    // A runtime folder of its own: the one-instance socket of a tray running
+    // elsewhere on this machine must not send these starts away.
+    const std::string runtimeDir = dir.filePath(QStringLiteral("runtime")).toStdString();
+    ASSERT_EQ(0, ::mkdir(runtimeDir.c_str(), 0700));
     // For the settings written here; before any simulator thread runs.
     ::setenv("XDG_CONFIG_HOME", configHome.c_str(), 1);
     ::setenv("XDG_DATA_HOME", dataHome.c_str(), 1);
     const std::vector<std::string> env{"QT_QPA_PLATFORM=offscreen", "XDG_CONFIG_HOME=" + configHome,
-                                       "XDG_DATA_HOME=" + dataHome};
+                                       "XDG_DATA_HOME=" + dataHome, "XDG_RUNTIME_DIR=" + runtimeDir,
+                                       "DBUS_SESSION_BUS_ADDRESS=unix:path=/nonexistent"};
 
     // A new message for the account every second while the tray is killed.
     zel5sim::Options busyOptions;

@@ -249,8 +249,9 @@ TEST_F(ResponsivenessTest, ManyCyclesOfEveryExchangeWithSettingsAcceptedBetween)
         app->processTimer();
         openMenu();
         emit icon()->switchInternetSelected();
-        if (i % 2 == 0)
+        if (i % 2 == 0) {
             ASSERT_TRUE(app->settle());
+        }
         emit icon()->configureAppSelected(); // drops whatever runs, reconnects
         app->tryToConnect();
     }

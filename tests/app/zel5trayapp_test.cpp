@@ -123,7 +123,7 @@ TEST_F(AppTest, SwitchOnStartActsOnceOnlyWhenOffAndTheSwitchNeedsASession)
     sim->addFault({.kind = zel5sim::Fault::Kind::CutAfter, .function = MiniClient::fnInternetStatus});
     tick();
     EXPECT_FALSE(icon()->online);
-    EXPECT_TRUE(tooltip().isEmpty());
+    EXPECT_EQ(QStringLiteral("Server not reachable: 127.0.0.1:%1\nClick to try again").arg(sim->port()), tooltip());
     EXPECT_EQ(ZEL5Icon::OfflinePixmap, icon()->currentPixmap);
     emit icon()->switchInternetSelected(); // no session: the server is not asked
     EXPECT_EQ(0, internetAtServer());
@@ -157,7 +157,7 @@ TEST_F(AppTest, SettingsCancelledChangeNothingAcceptedReconnectUnsavedLastOneRun
     app->answer = settingsAnswer("boris", "pw2", true);
     emit icon()->configureAppSelected();
     EXPECT_FALSE(icon()->online); // offline until the new session
-    EXPECT_TRUE(tooltip().isEmpty());
+    EXPECT_EQ(QStringLiteral("Connecting…\nClick to try again"), tooltip());
     EXPECT_EQ(QStringLiteral("boris"), savedSettings().login);
     ASSERT_TRUE(waitTooltip(QStringLiteral("Balance: 1.00")));
     EXPECT_EQ(2, sim->connectionsAccepted());

@@ -9,6 +9,7 @@
 
 #include <gtest/gtest.h>
 
+#include <cerrno>
 #include <chrono>
 #include <cstdlib>
 #include <filesystem>
@@ -282,6 +283,12 @@ TEST_F(MiniClientSimTest, FailedConnectsSayWhy)
     mc.password = "wrong";
     EXPECT_EQ(mc.connect(), MiniClient::rcSessionFailed);
     EXPECT_EQ(mc.lastError, 13);
+    // A server whose secure channel fails did not refuse the login.
+    zel5sim::BillingSim failingTls{zel5sim::Options{.port = 0, .tls = zel5sim::TlsMode::Fail}};
+    ASSERT_EQ(failingTls.start(), 0);
+    mc.port = failingTls.port(), mc.login = "demo", mc.password = "demo";
+    EXPECT_EQ(mc.connect(), MiniClient::rcSessionFailed);
+    EXPECT_EQ(mc.lastError, EPROTO);
     mc.address = "no.such.host.invalid";
     EXPECT_EQ(mc.connect(), MiniClient::rcBadAddress);
     EXPECT_NE(mc.lastError, 0);
