@@ -1,6 +1,7 @@
 #include "zel5trayapp.h"
 
 #include "accountoverview.h"
+#include "autostartentry.h"
 #include "balancehistory.h"
 #include "config.h"
 #include "desktopnotifier.h"
@@ -8,6 +9,7 @@
 #include "messagecollector.h"
 #include "zel5icon.h"
 
+#include <QCoreApplication>
 #include <QDateTime>
 #include <QMutex>
 #include <QTimer>
@@ -66,10 +68,13 @@ int ZEL5TrayApp::init()
     connect(icon, &ZEL5Icon::viewMessagesSelected, this, &ZEL5TrayApp::showMessages);
     connect(icon, &ZEL5Icon::ZELAtWebSelected, this, &ZEL5TrayApp::showZELAtWeb);
 
-    if (_cfg->_load())
+    if (_cfg->_load()) {
         _cfg->loaded = true;
-    else
+        // The autostart entry follows the stored setting, whatever changed it.
+        AutostartEntry::apply(_cfg->startOnLogin, QCoreApplication::applicationFilePath());
+    } else {
         showSettings();
+    }
 
     history = new BalanceHistory(BalanceHistory::defaultPath());
     history->load();

@@ -2,6 +2,7 @@
 #include "zel5trayapp.h"
 
 #include "aboutdialog.h"
+#include "autostartentry.h"
 #include "config.h"
 #include "desktopnotifier.h"
 #include "messagesdialog.h"
@@ -10,6 +11,7 @@
 #include "trytoconnectthread.h"
 #include "zel5icon.h"
 
+#include <QCoreApplication>
 #include <QDesktopServices>
 #include <QTimer>
 #include <QUrl>
@@ -75,6 +77,7 @@ void ZEL5TrayApp::showSettings()
         loginRefusalTold = false;
     if (_cfg->saveSettings)
         _cfg->_save(true);
+    AutostartEntry::apply(_cfg->startOnLogin, QCoreApplication::applicationFilePath());
     runTimer();
     // What runs or waits with the old settings is dropped, then the session.
     ++generation;

@@ -5,6 +5,7 @@
 #include "messagecollector.h"
 
 #include <QAction>
+#include <QCheckBox>
 #include <QCoreApplication>
 #include <QMenu>
 #include <QDesktopServices>
@@ -178,6 +179,33 @@ TEST_F(AppTest, SettingsCancelledChangeNothingAcceptedReconnectUnsavedLastOneRun
     const Config<QString> saved = savedSettings();
     EXPECT_EQ(QStringLiteral("boris"), saved.login);
     EXPECT_EQ(lastCheck, saved.lastMessageCheck);
+}
+
+TEST_F(AppTest, StartOnLogonWritesAndRemovesTheAutostartEntryAndFollowsTheSettingAtStart)
+{
+    const QString entry = dir.filePath(QStringLiteral("config/autostart/zel5_tray.desktop"));
+    writeSettings([](Config<QString>& cfg) { cfg.startOnLogin = true; });
+    startApp();
+    ASSERT_TRUE(QFile::exists(entry)) << "written at start for the stored setting";
+    QFile file(entry);
+    ASSERT_TRUE(file.open(QIODevice::ReadOnly));
+    EXPECT_TRUE(file.readAll().contains(("Exec=" + QCoreApplication::applicationFilePath()).toUtf8()));
+    file.close();
+
+    const auto accept = [this](bool startOnLogon) {
+        app->answer = [startOnLogon](QDialog& dialog) {
+            dialog.findChild<QCheckBox*>(QStringLiteral("cbStartOnSysStart"))->setChecked(startOnLogon);
+            return int(QDialog::Accepted);
+        };
+        emit icon()->configureAppSelected();
+    };
+    accept(false);
+    EXPECT_FALSE(QFile::exists(entry));
+    app->answer = {};
+    emit icon()->configureAppSelected(); // cancelled: nothing changes
+    EXPECT_FALSE(QFile::exists(entry));
+    accept(true);
+    EXPECT_TRUE(QFile::exists(entry));
 }
 
 TEST_F(AppTest, WebInterfaceOpensTheConfiguredAddress)
