@@ -8,6 +8,7 @@
 
 #include <chrono>
 #include <csignal>
+#include <poll.h>
 #include <random>
 #include <sys/stat.h>
 #include <sys/wait.h>
@@ -174,21 +175,35 @@ TEST_F(BalanceHistoryTest, AKilledWriterLeavesTheOldOrTheNewFileWhole)
     write(full);
     std::mt19937 random(12345);
     for (int round = 0; round < 15; ++round) {
+        int ready[2];
+        ASSERT_EQ(::pipe(ready), 0);
         const pid_t pid = ::fork();
         ASSERT_GE(pid, 0);
         if (pid == 0) {
-            // The child records until killed, and gives up on its own after a while.
+            // The child records until killed, telling when its first save is
+            // done, and gives up on its own after a while.
+            ::close(ready[0]);
             BalanceHistory history(path);
             history.load();
-            const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(5);
-            for (qint64 t = history.samples().constLast().time + 1; std::chrono::steady_clock::now() < end; ++t)
+            const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(20);
+            for (qint64 t = history.samples().constLast().time + 1; std::chrono::steady_clock::now() < end; ++t) {
                 history.record(t, double(t % 3));
+                if (ready[1] >= 0 && ::write(ready[1], "r", 1) == 1)
+                    ::close(ready[1]), ready[1] = -1;
+            }
             ::_exit(0);
         }
-        ::usleep(std::uniform_int_distribution<useconds_t>(2000, 40000)(random));
+        ::close(ready[1]);
+        pollfd started{ready[0], POLLIN, 0};
+        const bool saving = ::poll(&started, 1, 10000) == 1;
+        ::close(ready[0]);
+        // Somewhere in the saves that follow the first.
+        if (saving)
+            ::usleep(std::uniform_int_distribution<useconds_t>(0, 20000)(random));
         ::kill(pid, SIGKILL);
         int status = 0;
         ASSERT_EQ(::waitpid(pid, &status, 0), pid);
+        ASSERT_TRUE(saving) << "the writer did not start within 10 s";
 
         const QByteArray data = read();
         BalanceHistory history(path);
