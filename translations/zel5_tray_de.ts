@@ -29,6 +29,56 @@
     </message>
 </context>
 <context>
+    <name>AccountOverview</name>
+    <message>
+        <source>Account</source>
+        <translation>Konto</translation>
+    </message>
+    <message>
+        <source>Traffic</source>
+        <translation type="unfinished">Verkehr</translation>
+    </message>
+    <message>
+        <source>No traffic report yet</source>
+        <translation>Noch kein Verkehrsbericht</translation>
+    </message>
+    <message>
+        <source>Balance, last 90 days</source>
+        <translation>Guthaben der letzten 90 Tage</translation>
+    </message>
+    <message>
+        <source>No balance history yet</source>
+        <translation>Noch kein Guthabenverlauf</translation>
+    </message>
+    <message numerus="yes">
+        <source>At this rate the balance lasts about %n days</source>
+        <translation>
+            <numerusform>Bei diesem Verbrauch reicht das Guthaben etwa %n Tag</numerusform>
+            <numerusform>Bei diesem Verbrauch reicht das Guthaben etwa %n Tage</numerusform>
+        </translation>
+    </message>
+    <message>
+        <source>No account data yet</source>
+        <translation>Noch keine Kontodaten</translation>
+    </message>
+    <message>
+        <source>Offline — last known values</source>
+        <translation>Offline – zuletzt bekannte Werte</translation>
+    </message>
+    <message>
+        <source>Internet: on</source>
+        <translation>Internet: an</translation>
+    </message>
+    <message>
+        <source>Internet: off</source>
+        <translation>Internet: aus</translation>
+    </message>
+    <message>
+        <source>Updated %1</source>
+        <translation>Stand %1</translation>
+    </message>
+</context>
+<context>
     <name>MessagesDialog</name>
     <message>
         <source>Messages</source>
@@ -76,10 +126,6 @@
     <message>
         <source>Server Port:</source>
         <translation>Serverport:</translation>
-    </message>
-    <message>
-        <source>Ddddd; </source>
-        <translation type="unfinished"></translation>
     </message>
     <message>
         <source>Login:</source>
@@ -140,6 +186,61 @@
     <message>
         <source>&amp;Cancel</source>
         <translation>&amp;Abbrechen</translation>
+    </message>
+    <message>
+        <source>Enter the port</source>
+        <translation>Port eingeben</translation>
+    </message>
+    <message>
+        <source>From 1 to 65535</source>
+        <translation>Von 1 bis 65535</translation>
+    </message>
+    <message>
+        <source>Enter the address</source>
+        <translation>Adresse eingeben</translation>
+    </message>
+    <message>
+        <source>Enter the login</source>
+        <translation>Benutzernamen eingeben</translation>
+    </message>
+    <message>
+        <source>Show desktop notifications</source>
+        <translation>Desktop-Benachrichtigungen anzeigen</translation>
+    </message>
+    <message>
+        <source>Warn when the balance is below:</source>
+        <translation>Warnen, wenn das Guthaben unter:</translation>
+    </message>
+    <message>
+        <source>no warning</source>
+        <translation>keine Warnung</translation>
+    </message>
+</context>
+<context>
+    <name>TrafficChart</name>
+    <message>
+        <source>Downloaded</source>
+        <translation>Heruntergeladen</translation>
+    </message>
+    <message>
+        <source>Prepaid</source>
+        <translation>Vorausbezahlt</translation>
+    </message>
+    <message>
+        <source>Old prepaid</source>
+        <translation>Alt vorausbezahlt</translation>
+    </message>
+    <message>
+        <source>Class %1</source>
+        <translation>Klasse %1</translation>
+    </message>
+    <message>
+        <source>%1 + %2 old</source>
+        <translation>%1 + %2 alt</translation>
+    </message>
+    <message>
+        <source>%1 of %2</source>
+        <translation>%1 von %2</translation>
     </message>
 </context>
 <context>
@@ -202,6 +303,77 @@
     <message>
         <source>/cgi-bin/zel5/aaa5</source>
         <translation type="unfinished"></translation>
+    </message>
+    <message>
+        <source>Cannot open the web cabinet</source>
+        <translation>Das Web-Kundenkonto lässt sich nicht öffnen</translation>
+    </message>
+    <message>
+        <source>No program on this desktop opens web addresses. The cabinet is at %1</source>
+        <translation>Kein Programm auf diesem Desktop öffnet Webadressen. Das Kundenkonto ist unter %1</translation>
+    </message>
+    <message>
+        <source>Login refused</source>
+        <translation>Anmeldung abgelehnt</translation>
+    </message>
+    <message>
+        <source>The billing server refused the login. Check the login and password in the settings.</source>
+        <translation>Der Abrechnungsserver hat die Anmeldung abgelehnt. Prüfen Sie Benutzername und Passwort in den Einstellungen.</translation>
+    </message>
+    <message>
+        <source>Settings</source>
+        <translation type="unfinished">Einstellungen</translation>
+    </message>
+    <message>
+        <source>No network</source>
+        <translation>Kein Netzwerk</translation>
+    </message>
+    <message>
+        <source>Connecting…</source>
+        <translation>Verbinde…</translation>
+    </message>
+    <message>
+        <source>Settings incomplete</source>
+        <translation>Einstellungen unvollständig</translation>
+    </message>
+    <message>
+        <source>Login refused: check the login and password in the settings</source>
+        <translation>Anmeldung abgelehnt: Benutzername und Passwort in den Einstellungen prüfen</translation>
+    </message>
+    <message>
+        <source>Not a billing server at %1:%2</source>
+        <translation>Kein Abrechnungsserver unter %1:%2</translation>
+    </message>
+    <message>
+        <source>Server not reachable: %1:%2</source>
+        <translation>Server nicht erreichbar: %1:%2</translation>
+    </message>
+    <message>
+        <source>Click to try again</source>
+        <translation>Klicken für einen neuen Versuch</translation>
+    </message>
+    <message numerus="yes">
+        <source>%n new messages</source>
+        <translation>
+            <numerusform>%n neue Nachricht</numerusform>
+            <numerusform>%n neue Nachrichten</numerusform>
+        </translation>
+    </message>
+    <message>
+        <source>Show</source>
+        <translation>Anzeigen</translation>
+    </message>
+    <message>
+        <source>Low balance</source>
+        <translation>Niedriges Guthaben</translation>
+    </message>
+    <message>
+        <source>The tray icon needs a system tray</source>
+        <translation>Das Symbol braucht einen Systembereich</translation>
+    </message>
+    <message>
+        <source>This desktop shows no tray icons. Orvane ZEL5 Tray keeps running and its icon appears as soon as a system tray does. On GNOME, install and enable an AppIndicator/StatusNotifier extension, such as &quot;AppIndicator and KStatusNotifierItem Support&quot;.</source>
+        <translation>Dieser Desktop zeigt keine Symbole im Systembereich. Orvane ZEL5 Tray läuft weiter, und sein Symbol erscheint, sobald es einen Systembereich gibt. Installieren und aktivieren Sie unter GNOME eine AppIndicator/StatusNotifier-Erweiterung, etwa &quot;AppIndicator and KStatusNotifierItem Support&quot;.</translation>
     </message>
 </context>
 </TS>
