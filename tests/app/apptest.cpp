@@ -69,8 +69,7 @@ std::function<int(QDialog&)> settingsAnswer(const QString& login, const QString&
     };
 }
 
-// One application object for the whole run; nothing is shown on screen.
-int main(int argc, char** argv)
+int runAppTests(int argc, char** argv)
 {
     if (qEnvironmentVariableIsEmpty("QT_QPA_PLATFORM"))
         qputenv("QT_QPA_PLATFORM", "offscreen");

@@ -20,6 +20,13 @@
 
 #include <functional>
 #include <memory>
+#include <ostream>
+
+// Failures show texts, not their bytes.
+inline void PrintTo(const QString& text, std::ostream* os)
+{
+    *os << '"' << text.toStdString() << '"';
+}
 
 class TestApp : public ZEL5TrayApp {
 public:
@@ -28,6 +35,12 @@ public:
     // that shut-down left to a hanging attempt.
     ~TestApp() override
     {
+        // Never started: the shared objects belong to no one, or to another.
+        if (!thread) {
+            if (_app == this)
+                _app = nullptr;
+            return;
+        }
         deinit();
         thread->wait();
         // The worker's last queued notice is taken first, as the event loop
@@ -41,6 +54,10 @@ public:
     }
     using ZEL5TrayApp::changeInternetStatus;
     using ZEL5TrayApp::tryToConnect;
+    // Delays a test shortens or lengthens before init(), and the notifier.
+    using ZEL5TrayApp::firstRetryMs;
+    using ZEL5TrayApp::noTrayNoticeMs;
+    using ZEL5TrayApp::notifier;
     ZEL5Icon* trayIcon() const { return icon; }
     TryToConnectThread* worker() const { return thread; }
     bool waitForWorker() { return thread->wait(QDeadlineTimer(10000)) && !thread->busy(); }
@@ -110,5 +127,9 @@ inline Config<QString> savedSettings() { Config<QString> saved; EXPECT_TRUE(save
 // and accepts or cancels.
 std::function<int(QDialog&)> settingsAnswer(const QString& login, const QString& password, bool accept,
                                             bool save = true);
+
+// One application object for the whole run, nothing shown on screen: creates
+// it, runs the tests and destroys it before returning their result.
+int runAppTests(int argc, char** argv);
 
 #endif
