@@ -1,0 +1,345 @@
+// zel5ctl's commands as a user or a script runs them, without a tray: the
+// values the account holds as text and as JSON, the switch, the message
+// store and its time stamp, the failures' exit codes and the status bar line.
+#include "ctlrun.h"
+#include "filefinder.h"
+#include "messagecollector.h"
+
+#include <QFile>
+#include <QJsonArray>
+#include <QJsonDocument>
+#include <QJsonObject>
+
+#include <sys/socket.h>
+#include <netinet/in.h>
+#include <unistd.h>
+
+namespace zel5test {
+namespace {
+
+QJsonDocument parsed(const std::string& text)
+{
+    QJsonParseError error;
+    const QJsonDocument document = QJsonDocument::fromJson(QByteArray::fromStdString(text), &error);
+    EXPECT_EQ(QJsonParseError::NoError, error.error) << error.errorString().toStdString() << " in: " << text;
+    return document;
+}
+
+class PathFinder : public FileFinder {
+public:
+    explicit PathFinder(std::string p) : path(std::move(p)) {}
+    std::string findFile(fileType) override { return path; }
+    std::string path;
+};
+
+// The store as the tray reads it.
+std::vector<MessageCollector::ZELMessage> stored(const std::string& path)
+{
+    PathFinder finder(path);
+    MessageCollector store(&finder);
+    std::vector<MessageCollector::ZELMessage> list;
+    while (store.currentIndex() > 0)
+        store.prevMessage();
+    MessageCollector::ZELMessage m;
+    for (std::size_t i = 0; i < store.count(); ++i, store.nextMessage()) {
+        store.currentMessage(m.subject, m.text, m.date);
+        list.push_back(m);
+    }
+    return list;
+}
+
+int lastMessageCheck()
+{
+    Config<QString> settings;
+    EXPECT_TRUE(settings._load()) << "the settings no longer load";
+    return settings.lastMessageCheck;
+}
+
+// A loopback port where nothing listens: bound once, then let go.
+int closedPort()
+{
+    const int s = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    sockaddr_in a{};
+    a.sin_family = AF_INET;
+    a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    socklen_t n = sizeof a;
+    int port = 0;
+    if (s >= 0 && ::bind(s, reinterpret_cast<sockaddr*>(&a), sizeof a) == 0
+        && ::getsockname(s, reinterpret_cast<sockaddr*>(&a), &n) == 0)
+        port = ntohs(a.sin_port);
+    if (s >= 0)
+        ::close(s);
+    return port;
+}
+
+using CliTest = CtlTest;
+
+TEST_F(CliTest, StatusShowsTheAccountAsTextAndJson)
+{
+    const CtlRun text = run({"status"});
+    ASSERT_EQ(0, text.code) << text.err;
+    EXPECT_EQ("Internet: on\nBalance: 42.50\nMessages: 2\n", text.out);
+    EXPECT_EQ("", text.err);
+
+    const CtlRun json = run({"status", "--json"});
+    ASSERT_EQ(0, json.code) << json.err;
+    const QJsonObject status = parsed(json.out).object();
+    EXPECT_EQ(QJsonValue(true), status.value("online"));
+    EXPECT_EQ(QJsonValue(true), status.value("internet"));
+    EXPECT_EQ(QJsonValue(42.5), status.value("balance"));
+    EXPECT_EQ(QJsonValue(2), status.value("messages"));
+}
+
+TEST_F(CliTest, ReportPrintsTheTrafficSubmenusLinesAndJson)
+{
+    const CtlRun text = run({"report"});
+    ASSERT_EQ(0, text.code) << text.err;
+    EXPECT_EQ("Service: Mail & Web\n"
+              "Old Prepaid:\n"
+              "    Traffic Class: Day (1), Size: 512.00 Mb\n"
+              "Prepaid:\n"
+              "    Traffic Class: Day (1), Size: 1024.00 Mb\n"
+              "    Traffic Class: Night (2), Size: 0.00 Mb\n"
+              "Downloaded:\n"
+              "    Traffic Class: Local (3), Size: 1.50 Mb\n"
+              "Service: TV\n"
+              "Old Prepaid:\n"
+              "Prepaid:\n"
+              "Downloaded:\n"
+              "    Traffic Class: Television (7), Size: 10.00 Mb\n",
+              text.out);
+
+    const CtlRun json = run({"report", "--json"});
+    ASSERT_EQ(0, json.code) << json.err;
+    const QJsonObject report = parsed(json.out).object();
+    EXPECT_EQ(1048576, report.value("sizeDivisor").toInt());
+    const QJsonArray services = report.value("services").toArray();
+    ASSERT_EQ(2, services.size());
+    const QJsonObject mail = services.at(0).toObject();
+    EXPECT_EQ("Mail & Web", mail.value("name").toString());
+    const QJsonArray prepaid = mail.value("prepaid").toArray();
+    ASSERT_EQ(2, prepaid.size());
+    EXPECT_EQ((QJsonObject{{"id", 1}, {"name", "Day"}, {"bytes", 1073741824}}), prepaid.at(0).toObject());
+    EXPECT_EQ((QJsonObject{{"id", 2}, {"name", "Night"}, {"bytes", 0}}), prepaid.at(1).toObject());
+    const QJsonObject tv = services.at(1).toObject();
+    EXPECT_TRUE(tv.value("oldPrepaid").toArray().isEmpty());
+    EXPECT_EQ(10485760, tv.value("downloaded").toArray().at(0).toObject().value("bytes").toInteger());
+}
+
+TEST_F(CliTest, MessagesListTheStoreAsTextAndJson)
+{
+    const CtlRun text = run({"messages"});
+    ASSERT_EQ(0, text.code) << text.err;
+    EXPECT_EQ(localDate(messageTimes[0]) + "  Maintenance\n"
+                  "Works & repairs on Saturday.\n"
+                  "\n"
+                  "Sorry!\n"
+                  "\n"
+                  + localDate(messageTimes[1]) + "  New tariffs\n"
+                  "- Home 100\n"
+                  "- Home 500\n",
+              text.out);
+
+    const CtlRun json = run({"messages", "--json"});
+    ASSERT_EQ(0, json.code) << json.err;
+    const QJsonArray list = parsed(json.out).array();
+    ASSERT_EQ(2, list.size());
+    EXPECT_EQ((QJsonObject{{"date", QString::fromStdString(localDate(messageTimes[0]))},
+                           {"subject", "Maintenance"},
+                           {"text", "<p>Works &amp; repairs on <b>Saturday</b>.</p><p>Sorry!</p>"}}),
+              list.at(0).toObject());
+    EXPECT_EQ("New tariffs", list.at(1).toObject().value("subject").toString());
+}
+
+TEST_F(CliTest, MessagesFillTheStoreOnceAndMoveOnlyTheTimeStamp)
+{
+    QFile settingsFile(QString::fromStdString(settingsPath()));
+    ASSERT_TRUE(settingsFile.open(QIODevice::ReadOnly));
+    const QByteArray before = settingsFile.readAll();
+    settingsFile.close();
+
+    ASSERT_EQ(0, run({"messages"}).code);
+    std::vector<MessageCollector::ZELMessage> list = stored(storePath());
+    ASSERT_EQ(2u, list.size());
+    EXPECT_EQ("Maintenance", list[0].subject);
+    EXPECT_EQ(localDate(messageTimes[0]), list[0].date);
+    EXPECT_EQ("<ul><li>Home 100</li><li>Home 500</li></ul>", list[1].text);
+    EXPECT_EQ(messageTimes[1], lastMessageCheck());
+    // Nothing but the time stamp changed in the settings file.
+    ASSERT_TRUE(settingsFile.open(QIODevice::ReadOnly));
+    QByteArray after = settingsFile.readAll();
+    after.replace(QByteArray::number(messageTimes[1]), "0");
+    EXPECT_EQ(before.toStdString(), after.toStdString());
+    settingsFile.close();
+
+    // Asked again, the server has nothing new.
+    ASSERT_EQ(0, run({"messages"}).code);
+    EXPECT_EQ(2u, stored(storePath()).size());
+    EXPECT_GE(lastMessageCheck(), messageTimes[1]);
+
+    // A time stamp that was lost (a crash after the store was saved) brings
+    // both again; they are stored once.
+    ASSERT_NO_FATAL_FAILURE(writeSettings([](Config<QString>& s) { s.lastMessageCheck = 0; }));
+    ASSERT_EQ(0, run({"status"}).code);
+    EXPECT_EQ(2u, stored(storePath()).size());
+
+    // A new one is added after the others.
+    const std::int32_t newest = static_cast<std::int32_t>(std::time(nullptr)) + 60;
+    ASSERT_TRUE(sim->withAccount(login, [&](zel5sim::Account& a) { a.messages.push_back({newest, "Later", "<p>x</p>"}); }));
+    const CtlRun third = run({"status"});
+    EXPECT_EQ("Internet: on\nBalance: 42.50\nMessages: 3\n", third.out);
+    list = stored(storePath());
+    ASSERT_EQ(3u, list.size());
+    EXPECT_EQ("Later", list[2].subject);
+    EXPECT_EQ(newest, lastMessageCheck());
+}
+
+TEST_F(CliTest, SwitchInternetPrintsTheNewStateThatStatusThenShows)
+{
+    for (const char* expected : {"off", "on"}) {
+        SCOPED_TRACE(expected);
+        const CtlRun switched = run({"switch-internet"});
+        ASSERT_EQ(0, switched.code) << switched.err;
+        EXPECT_EQ(std::string("Internet: ") + expected + "\n", switched.out);
+        zel5sim::Account a;
+        ASSERT_TRUE(sim->getAccount(login, a));
+        EXPECT_EQ(std::string(expected) == "on", a.internetStatus == 1);
+        const CtlRun status = run({"status"});
+        EXPECT_EQ(std::string("Internet: ") + expected + "\nBalance: 42.50\nMessages: 2\n", status.out);
+    }
+}
+
+TEST_F(CliTest, FailuresEndWithTheirCodeAndOneLine)
+{
+    struct Case {
+        const char* name;
+        std::function<void(Config<QString>&)> change;
+        int code;
+        const char* says;
+    };
+    const int nobody = closedPort();
+    ASSERT_NE(0, nobody);
+    const Case cases[] = {
+        {"wrong password", [](Config<QString>& s) { s.password = "wrong"; }, 4, "login refused"},
+        {"nothing listens", [&](Config<QString>& s) { s.port = nobody; }, 5, "cannot be reached"},
+        {"port 0", [](Config<QString>& s) { s.port = 0; }, 2, "settings are incomplete"},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.name);
+        ASSERT_NO_FATAL_FAILURE(writeSettings(c.change));
+        const CtlRun status = run({"status"});
+        EXPECT_TRUE(failedWith(c.code, status));
+        EXPECT_NE(std::string::npos, status.err.find(c.says)) << status.err;
+        EXPECT_LT(status.took, std::chrono::seconds(12));
+        // Offline the status is still told, and the stored messages counted.
+        if (c.code != 2) {
+            EXPECT_EQ("Offline\nMessages: 0\n", status.out);
+        }
+        const CtlRun report = run({"report", "--json"});
+        EXPECT_TRUE(failedWith(c.code, report));
+        EXPECT_EQ("", report.out);
+    }
+}
+
+TEST_F(CliTest, IncompleteSettingsGive2)
+{
+    // Without a login, and without a settings file at all.
+    QFile file(QString::fromStdString(settingsPath()));
+    ASSERT_TRUE(file.open(QIODevice::WriteOnly));
+    file.write("[network]\naddress=127.0.0.1\npassword=9b9a\nport=11758\n[other]\nrefresh_rate=120\n"
+               "switch_internet_on_start=0\nswitch_internet_on_exit=0\nstart_on_login=0\n[messages]\n");
+    file.close();
+    for (bool fileThere : {true, false}) {
+        SCOPED_TRACE(fileThere ? "no login" : "no file");
+        if (!fileThere) {
+            ASSERT_TRUE(file.remove());
+        }
+        for (const std::vector<std::string>& args :
+             {std::vector<std::string>{"status"}, {"messages", "--json"}, {"switch-internet"}}) {
+            const CtlRun r = run(args);
+            EXPECT_TRUE(failedWith(2, r)) << shown(args);
+            EXPECT_EQ("", r.out);
+        }
+    }
+    EXPECT_EQ(0, sim->connectionsAccepted());
+}
+
+TEST_F(CliTest, ABadCommandLineGives1AndTouchesNothing)
+{
+    const std::vector<std::vector<std::string>> cases{
+        {}, {"stat"}, {"status", "--jsno"}, {"switch-internet", "--json"}, {"status", "--once"},
+        {"waybar", "--format", "yaml"}, {"report", "extra"},
+    };
+    for (const std::vector<std::string>& args : cases) {
+        const CtlRun r = run(args);
+        EXPECT_TRUE(failedWith(1, r)) << shown(args);
+        EXPECT_NE(std::string::npos, r.err.find("zel5ctl --help")) << r.err;
+        EXPECT_EQ("", r.out) << shown(args);
+    }
+    EXPECT_EQ(0, sim->connectionsAccepted());
+}
+
+TEST_F(CliTest, HelpAndVersion)
+{
+    const CtlRun help = run({"--help"});
+    EXPECT_EQ(0, help.code);
+    for (const char* word : {"status", "report", "messages", "switch-internet", "waybar", "--json", "--once",
+                             "--format", "--version", "\n  0  ", "\n  3  ", "\n  6  "})
+        EXPECT_NE(std::string::npos, help.out.find(word)) << word;
+    const CtlRun version = run({"--version"});
+    EXPECT_EQ(0, version.code);
+    EXPECT_EQ("zel5ctl 0.1\n", version.out);
+}
+
+struct WaybarCase {
+    const char* name;
+    std::function<void(Config<QString>&)> settings;
+    std::function<void(zel5sim::Account&)> account;
+    int code;
+    QStringList classes;
+    QString text;
+};
+
+TEST_F(CliTest, WaybarOncePrintsOneJsonLineWithTheStatesClasses)
+{
+    const auto same = [](Config<QString>&) {};
+    const auto as = [](zel5sim::Account&) {};
+    const WaybarCase cases[] = {
+        // The first run fetches the two messages: they are new to it.
+        {"first run", same, as, 0, {"internet-on", "new-messages"}, "42.50"},
+        {"nothing new", same, as, 0, {"internet-on"}, "42.50"},
+        {"low balance", [](Config<QString>& s) { s.lowBalanceWarningOn = true; s.lowBalanceWarning = 50; }, as, 0,
+         {"internet-on", "low-balance"}, "42.50"},
+        {"above the level", [](Config<QString>& s) { s.lowBalanceWarningOn = true; s.lowBalanceWarning = 40; }, as, 0,
+         {"internet-on"}, "42.50"},
+        {"internet off", same, [](zel5sim::Account& a) { a.internetStatus = 0; a.balance = -1.255; }, 0,
+         {"internet-off"}, "-1.25"},
+        {"offline", [](Config<QString>& s) { s.password = "wrong"; }, as, 4, {"offline"}, "\u2014"},
+    };
+    for (const WaybarCase& c : cases) {
+        SCOPED_TRACE(c.name);
+        ASSERT_NO_FATAL_FAILURE(writeSettings([&](Config<QString>& s) {
+            s.lastMessageCheck = lastMessageCheck();
+            c.settings(s);
+        }));
+        ASSERT_TRUE(sim->withAccount(login, c.account));
+        const CtlRun r = run({"waybar", "--once"});
+        EXPECT_EQ(c.code, r.code) << r.err;
+        ASSERT_EQ(1, std::count(r.out.begin(), r.out.end(), '\n')) << r.out;
+        const QJsonObject line = parsed(r.out).object();
+        EXPECT_EQ(QJsonArray::fromStringList(c.classes), line.value("class").toArray()) << r.out;
+        EXPECT_EQ(c.classes.first(), line.value("alt").toString());
+        EXPECT_EQ(c.text, line.value("text").toString());
+        EXPECT_TRUE(line.value("tooltip").isString());
+    }
+}
+
+TEST_F(CliTest, WaybarInPlainTextForPolybar)
+{
+    const CtlRun r = run({"waybar", "--once", "--format", "text"});
+    EXPECT_EQ(0, r.code) << r.err;
+    EXPECT_EQ("42.50 +2 new messages\n", r.out);
+}
+
+} // namespace
+} // namespace zel5test
