@@ -7,6 +7,8 @@
 #include "desktopnotifier.h"
 #include "filefinderqt.h"
 #include "messagecollector.h"
+#include "storelock.h"
+#include "traybusservice.h"
 #include "zel5icon.h"
 
 #include <QCoreApplication>
@@ -78,6 +80,8 @@ int ZEL5TrayApp::init()
 
     history = new BalanceHistory(BalanceHistory::defaultPath());
     history->load();
+    busService = new TrayBusService(this);
+    busService->registerOnBus();
 
     prepaidStale = true;
     watchDesktop();
@@ -111,6 +115,8 @@ int ZEL5TrayApp::deinit()
     overview = nullptr;
     delete history;
     history = nullptr;
+    delete busService; // leaves the bus
+    busService = nullptr;
 
     delete notifier;
     notifier = nullptr;
@@ -228,12 +234,16 @@ void ZEL5TrayApp::applyOutcome(TryToConnectThread::Outcome& outcome)
 {
     bool newMessages = false;
     if (outcome.messagesRead) {
-        if (messagesDialogOpen) {
-            heldMessages.insert(heldMessages.end(), outcome.messages.begin(), outcome.messages.end());
-            heldLastCheck = outcome.lastCheck;
-        } else {
-            QString newest;
-            const int added = storeMessages(outcome.messages, outcome.lastCheck, &newest);
+        // Held while the dialog is open or the store is busy, in order.
+        heldMessages.insert(heldMessages.end(), outcome.messages.begin(), outcome.messages.end());
+        heldLastCheck = outcome.lastCheck;
+    }
+    if (heldLastCheck >= 0 && !messagesDialogOpen) {
+        QString newest;
+        const int added = storeMessages(heldMessages, heldLastCheck, &newest);
+        if (added >= 0) {
+            heldMessages.clear();
+            heldLastCheck = -1;
             newMessages = added > 0;
             tellNewMessages(added, newest);
         }
@@ -366,6 +376,12 @@ int ZEL5TrayApp::storeMessages(std::vector<MessageCollector::ZELMessage>& messag
 {
     if (!_messageCollector || !_cfg)
         return 0;
+    // zel5ctl may write the store while no tray runs, and a tray may start
+    // meanwhile: the store is read again under the lock before it is saved.
+    StoreLock lock(storeLockWaitMs);
+    if (!lock.locked())
+        return -1;
+    _messageCollector->synchronize(false);
     // A store saved just before a crash may hold messages whose time stamp
     // was not saved yet; they come again and are kept once.
     int added = 0;
@@ -392,6 +408,8 @@ void ZEL5TrayApp::storePendingMessages()
         return;
     QString newest;
     const int added = storeMessages(heldMessages, heldLastCheck, &newest);
+    if (added < 0)
+        return; // the store is busy: tried again with the next outcome
     heldMessages.clear();
     heldLastCheck = -1;
     if (added > 0 && icon) {

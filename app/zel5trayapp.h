@@ -103,6 +103,8 @@ protected:
     // period), and how long to wait for a tray host before saying so.
     int firstRetryMs = 5000;
     int noTrayNoticeMs = 30000;
+    // The store's lock is held by others only around a save: milliseconds.
+    int storeLockWaitMs = 500;
     DesktopNotifier* notifier = nullptr;
 
     bool prepaidStale = false;
@@ -122,7 +124,8 @@ private:
     void submit(unsigned steps);
     void applyOutcome(TryToConnectThread::Outcome& outcome);
     void applyState(TryToConnectThread::Outcome& outcome);
-    // The number of messages new to the store; `newest` the last one's subject.
+    // The number of messages new to the store, -1 when the store is locked
+    // by another program; `newest` the last one's subject.
     int storeMessages(std::vector<MessageCollector::ZELMessage>& messages, long lastCheck, QString* newest = nullptr);
     void tellNewMessages(int count, const QString& newest);
     void watchBalance();
