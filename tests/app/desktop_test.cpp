@@ -68,6 +68,33 @@ std::string describe(const QList<Notification>& list)
     return text.empty() ? " none" : text;
 }
 
+// The stand-ins, made once and kept for the whole run: their connections
+// belong to Qt's bus thread, and an exported object destroyed while that
+// thread may still look at it is a race of its own. Each test starts them
+// afresh with reset().
+struct StandIns {
+    NotificationServer* server = nullptr;
+    LogindStandIn* logind = nullptr;
+    SleepSignals* sleepSignals = nullptr; // as the tray's system bus connection sees them
+    QString error;
+};
+
+const StandIns& standIns()
+{
+    static const StandIns made = [] {
+        StandIns s;
+        auto* server = new NotificationServer(QString::fromStdString(privateBuses().session));
+        auto* logind = new LogindStandIn(QString::fromStdString(privateBuses().system));
+        if (server->start(&s.error) && logind->start(&s.error)) {
+            s.server = server;
+            s.logind = logind;
+            s.sleepSignals = new SleepSignals;
+        }
+        return s;
+    }();
+    return made;
+}
+
 class DesktopTest : public AppTest {
 protected:
     void SetUp() override
@@ -76,13 +103,13 @@ protected:
         if (HasFatalFailure())
             return;
         ASSERT_FALSE(privateBuses().session.empty()) << "no private buses: " << privateBuses().error;
+        ASSERT_TRUE(standIns().server) << standIns().error.toStdString();
+        server = standIns().server;
+        logind = standIns().logind;
+        ASSERT_TRUE(server->reset()) << "the notification service's name owned again";
+        standIns().sleepSignals->seen.clear();
         QGuiApplication::setApplicationDisplayName(QStringLiteral("Orvane ZEL5 Tray"));
         QGuiApplication::setDesktopFileName(QStringLiteral("zel5_tray"));
-        QString error;
-        server = std::make_unique<NotificationServer>(QString::fromStdString(privateBuses().session));
-        ASSERT_TRUE(server->start(&error)) << error.toStdString();
-        logind = std::make_unique<LogindStandIn>(QString::fromStdString(privateBuses().system));
-        ASSERT_TRUE(logind->start(&error)) << error.toStdString();
         app = std::make_unique<TestApp>();
         // The notice of a missing tray only where a test asks for it.
         app->noTrayNoticeMs = 3600 * 1000;
@@ -94,8 +121,6 @@ protected:
         app.reset();
         if (sim)
             sim->stop();
-        logind.reset();
-        server.reset();
     }
 
     void start()
@@ -143,16 +168,17 @@ protected:
     // Emits the signals and waits until the tray's connection delivered them.
     void wakeUps(std::initializer_list<bool> states)
     {
-        SleepSignals seen;
+        const QList<bool>& seen = standIns().sleepSignals->seen;
+        const qsizetype before = seen.size();
         for (bool sleeping : states)
             logind->prepareForSleep(sleeping);
-        ASSERT_TRUE(QTest::qWaitFor([&] { return seen.seen.size() >= qsizetype(states.size()); }, replyWaitMs))
+        ASSERT_TRUE(QTest::qWaitFor([&] { return seen.size() >= before + qsizetype(states.size()); }, replyWaitMs))
             << "PrepareForSleep on the tray's system bus connection";
         SleepSignals::deliverQueued();
     }
 
-    std::unique_ptr<NotificationServer> server;
-    std::unique_ptr<LogindStandIn> logind;
+    NotificationServer* server = nullptr;
+    LogindStandIn* logind = nullptr;
     std::unique_ptr<CallCounter> calls;
 };
 

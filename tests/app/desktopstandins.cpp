@@ -59,6 +59,14 @@ NotificationServer::NotificationServer(const QString& address)
 {
 }
 
+bool NotificationServer::reset()
+{
+    notifications.clear();
+    closedByCall.clear();
+    lastId = 0;
+    return claim();
+}
+
 uint NotificationServer::Notify(const QString& appName, uint replacesId, const QString& appIcon,
                                 const QString& summary, const QString& body, const QStringList& actions,
                                 const QVariantMap& hints, int expireTimeout)
@@ -105,5 +113,6 @@ void SleepSignals::deliverQueued()
     // The bus answers after every message it sent before; the tray's
     // connection has dispatched those when the answer is in.
     QDBusConnection::systemBus().interface()->isServiceRegistered(QStringLiteral("org.freedesktop.login1"));
+    QCoreApplication::processEvents();
     QCoreApplication::sendPostedEvents();
 }

@@ -57,6 +57,9 @@ public:
 
     explicit NotificationServer(const QString& address);
 
+    // Forgets what it received, counts ids from 1 again and owns the name.
+    bool reset();
+
     const QList<Notification>& received() const { return notifications; }
     QList<uint> closedByCall; // ids the client closed with CloseNotification
 
