@@ -2,6 +2,7 @@
 
 #include <cerrno>
 #include <cstring>
+#include <memory>
 #include <new>
 
 namespace ZEL {
@@ -36,14 +37,11 @@ int be32_value(int value)
 
 } // namespace
 
-RPC2Packet::RPC2Packet()
-    : data_iter(data_attr.end()), hdr{0, 0, 0}, fragmented(false), header_sent(false)
-{
-}
+RPC2Packet::RPC2Packet() : cursor(0), total(4), hdr{0, 0, 0}, fragmented(false), header_sent(false) {}
 
 RPC2Packet::~RPC2Packet()
 {
-    clear();
+    drop_views();
 }
 
 // ---- building -------------------------------------------------------------
@@ -73,30 +71,74 @@ RPC2Packet::__rpc2_attr* RPC2Packet::fill_r2a(int code, int value) const
     return fill_r2a(code, reinterpret_cast<const char*>(&value), 4);
 }
 
+const RPC2Packet::Slot* RPC2Packet::control(int code) const
+{
+    for (const Slot& s : controls)
+        if (s.code == static_cast<ui8>(code))
+            return &s;
+    return nullptr;
+}
+
+bool RPC2Packet::file(const Slot& s)
+{
+    if (s.code == ra_data) {
+        datas.push_back(s);
+    } else {
+        // Kept in code order, as they are written; the first of a code wins.
+        auto at = controls.begin();
+        while (at != controls.end() && at->code < s.code)
+            ++at;
+        if (at != controls.end() && at->code == s.code)
+            return false;
+        controls.insert(at, s);
+    }
+    total += s.size;
+    return true;
+}
+
+// Throws int 22 for a length no attribute can have, 12 out of memory.
+void RPC2Packet::add_data(const char* data, int len)
+{
+    if (len < 0 || len > rpc2_max_packet - 4)
+        throw int(ec_inval);
+    const Slot s{static_cast<ui32>(bytes.size()), static_cast<ui16>(len + 4), static_cast<ui8>(ra_data)};
+    // Building does not move the read cursor: a value put behind the last
+    // unread one is never read; only parsing adds readable values.
+    const bool at_end = cursor == datas.size();
+    bytes.insert(bytes.end(), data, data + len);
+    file(s);
+    if (at_end)
+        cursor = datas.size();
+}
+
+void RPC2Packet::add_control(int code, const char* data, int len)
+{
+    if (control(code) || len < 0 || len > rpc2_max_packet - 4)
+        throw int(ec_inval);
+    const Slot s{static_cast<ui32>(bytes.size()), static_cast<ui16>(len + 4), static_cast<ui8>(code)};
+    bytes.insert(bytes.end(), data, data + len);
+    file(s);
+}
+
 void RPC2Packet::store(__rpc2_attr* a)
 {
-    if (a->code == ra_data) {
-        try {
-            data_attr.push_back(__rpc2_ptr{a});
-        } catch (const std::bad_alloc&) {
-            delete a;
-            throw int(ec_nomem);
-        }
-        if (data_iter == data_attr.end())
-            data_iter = std::prev(data_attr.end());
-        return;
+    std::unique_ptr<__rpc2_attr> owned(a);
+    const Slot s{static_cast<ui32>(bytes.size()), a->size, a->code};
+    try {
+        bytes.insert(bytes.end(), a->vbase.begin(), a->vbase.end());
+        file(s);
+    } catch (const std::bad_alloc&) {
+        throw int(ec_nomem);
     }
-    // The first occurrence of a control attribute wins.
-    if (!attr.emplace(a->code, a).second)
-        delete a;
 }
 
 void RPC2Packet::put_attr(int code, const char* data, int len)
 {
-    if (attr.count(static_cast<ui8>(code)))
-        throw int(ec_inval);
-    __rpc2_attr* a = fill_r2a(code, data, len);
-    attr[a->code] = a;
+    try {
+        add_control(code, data, len);
+    } catch (const std::bad_alloc&) {
+        throw int(ec_nomem);
+    }
 }
 
 void RPC2Packet::put_attr(int code, int value)
@@ -108,12 +150,7 @@ void RPC2Packet::put_attr(int code, int value)
 int RPC2Packet::put_data(const char* data, int len)
 {
     try {
-        __rpc2_attr* a = fill_r2a(ra_data, data, len);
-        // Building does not move the read cursor; only parsing does.
-        const bool at_end = data_iter == data_attr.end();
-        data_attr.push_back(__rpc2_ptr{a});
-        if (at_end)
-            data_iter = data_attr.end();
+        add_data(data, len);
         return ec_ok;
     } catch (int e) {
         return e;
@@ -136,8 +173,6 @@ int RPC2Packet::put(int code, int value)
         return ec_ok;
     } catch (int e) {
         return e;
-    } catch (const std::bad_alloc&) {
-        return ec_nomem;
     }
 }
 
@@ -150,8 +185,6 @@ int RPC2Packet::put(int code, const char* data, int len)
         return ec_ok;
     } catch (int e) {
         return e;
-    } catch (const std::bad_alloc&) {
-        return ec_nomem;
     }
 }
 
@@ -185,30 +218,31 @@ bool RPC2Packet::fragment() const
 bool RPC2Packet::find(int code) const
 {
     if (code == ra_data)
-        return data_iter != data_attr.end();
-    return attr.count(static_cast<ui8>(code)) != 0;
+        return cursor != datas.size();
+    return control(code) != nullptr;
 }
 
 int RPC2Packet::get_data(int& value)
 {
-    if (data_iter == data_attr.end())
+    int len = 0;
+    const char* p = peek_data(len);
+    if (!p)
         return ec_noent;
-    const __rpc2_attr* a = data_iter->base;
-    if (a->vbase.size() != 4)
+    if (len != 4)
         return ec_inval;
-    std::memcpy(&value, a->vbase.data(), 4);
-    ++data_iter;
+    std::memcpy(&value, p, 4);
+    skip_data();
     return ec_ok;
 }
 
 int RPC2Packet::get_attr(int code, int& value) const
 {
-    auto it = attr.find(static_cast<ui8>(code));
-    if (it == attr.end())
+    const Slot* s = control(code);
+    if (!s)
         return ec_noent;
-    if (it->second->vbase.size() != 4)
+    if (s->size != 8)
         return ec_inval;
-    value = static_cast<int>(get_be32(it->second->vbase.data()));
+    value = static_cast<int>(get_be32(reinterpret_cast<const unsigned char*>(bytes.data() + s->off)));
     return ec_ok;
 }
 
@@ -219,30 +253,31 @@ int RPC2Packet::get(int code, int& value)
 
 int RPC2Packet::get_data(char* buf, int& len)
 {
-    if (data_iter == data_attr.end())
+    int n = 0;
+    const char* p = peek_data(n);
+    if (!p)
         return ec_noent;
-    const __rpc2_attr* a = data_iter->base;
     const int cap = len;
-    len = static_cast<int>(a->vbase.size());
+    len = n;
     if (!buf || len > cap)
         return ec_inval;
     if (len)
-        std::memcpy(buf, a->vbase.data(), len);
-    ++data_iter;
+        std::memcpy(buf, p, len);
+    skip_data();
     return ec_ok;
 }
 
 int RPC2Packet::get_attr(int code, char* buf, int& len) const
 {
-    auto it = attr.find(static_cast<ui8>(code));
-    if (it == attr.end())
+    const Slot* s = control(code);
+    if (!s)
         return ec_noent;
     const int cap = len;
-    len = static_cast<int>(it->second->vbase.size());
+    len = s->size - 4;
     if (!buf || len > cap)
         return ec_inval;
     if (len)
-        std::memcpy(buf, it->second->vbase.data(), len);
+        std::memcpy(buf, bytes.data() + s->off, len);
     return ec_ok;
 }
 
@@ -253,26 +288,59 @@ int RPC2Packet::get(int code, char* buf, int& len)
 
 int RPC2Packet::packet_size() const
 {
-    int n = 4;
-    for (const auto& kv : attr)
-        n += kv.second->size;
-    for (const auto& p : data_attr)
-        n += p.base->size;
-    return n;
+    return total;
 }
 
 void RPC2Packet::clear()
 {
-    for (auto& kv : attr)
-        delete kv.second;
-    attr.clear();
-    for (auto& p : data_attr)
-        delete p.base;
-    data_attr.clear();
-    data_iter = data_attr.end();
+    // The buffers keep their capacity for the next packet.
+    bytes.clear();
+    controls.clear();
+    datas.clear();
+    cursor = 0;
+    total = 4;
+    drop_views();
     hdr = rpc2_header{0, 0, 0};
     fragmented = false;
     header_sent = false;
+}
+
+// ---- views ----------------------------------------------------------------
+
+void RPC2Packet::drop_views() const
+{
+    for (auto& kv : attr_view)
+        delete kv.second;
+    attr_view.clear();
+    for (auto& p : data_view)
+        delete p.base;
+    data_view.clear();
+}
+
+const std::map<ui8, RPC2Packet::__rpc2_attr*>& RPC2Packet::control_attrs() const
+{
+    for (auto& kv : attr_view)
+        delete kv.second;
+    attr_view.clear();
+    for (const Slot& s : controls) {
+        std::unique_ptr<__rpc2_attr> a(fill_r2a(s.code, bytes.data() + s.off, s.size - 4));
+        attr_view.emplace(s.code, a.get());
+        a.release();
+    }
+    return attr_view;
+}
+
+const std::list<RPC2Packet::__rpc2_ptr>& RPC2Packet::data_attrs() const
+{
+    for (auto& p : data_view)
+        delete p.base;
+    data_view.clear();
+    for (const Slot& s : datas) {
+        std::unique_ptr<__rpc2_attr> a(fill_r2a(s.code, bytes.data() + s.off, s.size - 4));
+        data_view.push_back(__rpc2_ptr{a.get()});
+        a.release();
+    }
+    return data_view;
 }
 
 // ---- serialising ----------------------------------------------------------
@@ -296,6 +364,16 @@ int RPC2Packet::dump_attr(char* buf, const __rpc2_attr* a) const
     return a->size;
 }
 
+int RPC2Packet::dump_slot(char* buf, const Slot& s) const
+{
+    buf[0] = static_cast<char>(s.code);
+    buf[1] = 0;
+    put_be16(buf + 2, s.size);
+    if (s.size > 4)
+        std::memcpy(buf + 4, bytes.data() + s.off, s.size - 4);
+    return s.size;
+}
+
 int RPC2Packet::dump(char* buf, int cap) const
 {
     const int n = packet_size();
@@ -306,10 +384,10 @@ int RPC2Packet::dump(char* buf, int cap) const
     char* p = buf;
     if (hdr.code != 0)
         p += dump_header(p);
-    for (const auto& kv : attr)
-        p += dump_attr(p, kv.second);
-    for (const auto& d : data_attr)
-        p += dump_attr(p, d.base);
+    for (const Slot& s : controls)
+        p += dump_slot(p, s);
+    for (const Slot& s : datas)
+        p += dump_slot(p, s);
     return n;
 }
 
@@ -337,18 +415,32 @@ RPC2Packet::__rpc2_attr* RPC2Packet::parse_attr(const unsigned char* p, int len)
 
 int RPC2Packet::parse_attr(const char* p, int len)
 {
+    // Whole attributes up to the first that does not fit, each checked
+    // against what is left of the region: a region over the limit yields
+    // none. Their bytes are copied in one piece behind what the packet holds.
+    const unsigned char* u = reinterpret_cast<const unsigned char*>(p);
     int used = 0;
-    while (used < len) {
-        try {
-            __rpc2_attr* a = parse_attr(reinterpret_cast<const unsigned char*>(p + used), len - used);
-            const int size = a->size; // store() may free a repeated attribute
-            store(a);
-            used += size;
-        } catch (int) {
+    while (len - used >= 4 && len - used <= rpc2_max_attr_region) {
+        const int size = static_cast<int>(get_be16(u + used + 2));
+        if (size < 4 || size > len - used)
             break;
-        }
+        used += size;
     }
-    return used;
+    if (used == 0)
+        return 0;
+    const std::size_t base = bytes.size();
+    int at = 0;
+    try {
+        bytes.insert(bytes.end(), p, p + used);
+        while (at < used) {
+            const Slot s{static_cast<ui32>(base + at + 4), static_cast<ui16>(get_be16(u + at + 2)), u[at]};
+            file(s);
+            at += s.size;
+        }
+    } catch (const std::bad_alloc&) {
+        // Out of memory ends the packet where it stands, like a bad attribute.
+    }
+    return at;
 }
 
 int RPC2Packet::parse(const char* buf, int len)

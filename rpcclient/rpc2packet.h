@@ -1,6 +1,11 @@
 // One packet of the billing protocol: header, control attributes held by
 // code, data attributes held in order with a read cursor. Turns memory into
 // packets and back; the direct socket helpers are thin wrappers over that.
+//
+// All payloads live in one byte buffer that clear() empties but keeps, so a
+// packet that is reused (the stream's, the session's) allocates nothing once
+// it has seen its largest contents; the attributes are small slots pointing
+// into that buffer.
 #ifndef ZEL_RPC2PACKET_H
 #define ZEL_RPC2PACKET_H
 
@@ -76,19 +81,53 @@ public:
     void recv_attr_cont(int fd);
     bool recv_ready(int fd) const;
 
-    // Read-only views for callers that walk a packet (the simulator, tests).
-    const std::map<ui8, __rpc2_attr*>& control_attrs() const { return attr; }
-    const std::list<__rpc2_ptr>& data_attrs() const { return data_attr; }
+    // Read-only views for callers that walk a packet (the simulator, tests):
+    // copies of the attributes, made when asked for and valid until the
+    // packet changes or the same view is asked for again.
+    const std::map<ui8, __rpc2_attr*>& control_attrs() const;
+    const std::list<__rpc2_ptr>& data_attrs() const;
 
 private:
-    void store(__rpc2_attr* a);
+    // The stream reads data values straight from the buffer.
+    friend class RPC2Stream;
 
-    std::map<ui8, __rpc2_attr*> attr;
-    std::list<__rpc2_ptr> data_attr;
-    std::list<__rpc2_ptr>::iterator data_iter;
+    // One attribute: its payload at bytes[off], size - 4 bytes long.
+    struct Slot {
+        ui32 off;
+        ui16 size; // as on the wire, the 4-byte head included
+        ui8 code;
+    };
+
+    // The data value under the read cursor, or null; its length in len.
+    const char* peek_data(int& len) const
+    {
+        if (cursor == datas.size())
+            return nullptr;
+        len = datas[cursor].size - 4;
+        return bytes.data() + datas[cursor].off;
+    }
+    void skip_data() { ++cursor; }
+
+    const Slot* control(int code) const;
+    // Files a slot whose payload is already in bytes: a data value at the
+    // end of the list, a control attribute unless its code is taken (false).
+    bool file(const Slot& s);
+    void add_data(const char* data, int len);
+    void add_control(int code, const char* data, int len);
+    void store(__rpc2_attr* a);
+    void drop_views() const;
+    int dump_slot(char* buf, const Slot& s) const;
+
+    std::vector<char> bytes;
+    std::vector<Slot> controls; // ordered by code, one per code
+    std::vector<Slot> datas;    // in arrival order
+    std::size_t cursor;         // next data value to read; datas.size() when none
+    int total;                  // packet_size(): 4 plus every attribute's size
     rpc2_header hdr;
     bool fragmented;
     bool header_sent;
+    mutable std::map<ui8, __rpc2_attr*> attr_view;
+    mutable std::list<__rpc2_ptr> data_view;
 };
 
 } // namespace ZEL

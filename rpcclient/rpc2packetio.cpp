@@ -107,12 +107,12 @@ void RPC2Packet::recv_attr(int fd, int len)
 
 void RPC2Packet::recv_attr_cont(int fd)
 {
-    int total = 0;
+    int got = 0;
     while (recv_ready(fd)) {
         __rpc2_attr* a = recv_attr(fd);
-        total += a->size;
+        got += a->size;
         store(a);
-        if (total > fragmented_limit)
+        if (got > fragmented_limit)
             throw int(ec_badmsg);
     }
 }
