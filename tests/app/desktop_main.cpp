@@ -101,28 +101,6 @@ bool onlyListing(int argc, char** argv)
 
 } // namespace
 
-#if defined(__SANITIZE_THREAD__)
-// Qt is not built with ThreadSanitizer, and what orders its threads is its
-// own futex-based mutex, which the sanitizer does not see. Qt's D-Bus
-// connections live on a thread of their own: the libdbus connections, the
-// events and data Qt passes between that thread and the test's, and glib's
-// wake-up eventfd of that thread are made on one and used or freed on the
-// other, and each would be taken for a race. Ignored: the calls these
-// libraries make into the C and C++ runtime themselves (their memory and
-// descriptors), glib's wake-up, and the type of an event a thread posted,
-// read on the receiving side before the event's own data is taken under
-// the poster's lock. Accesses of the tray's or the tests' code to their own
-// data are all still seen.
-extern "C" const char* __tsan_default_suppressions()
-{
-    return "called_from_lib:libQt6Core.so.6\n"
-           "called_from_lib:libQt6DBus.so.6\n"
-           "called_from_lib:libdbus-1.so.3\n"
-           "race:libglib-2.0.so.0\n"
-           "race:QEvent::type\n";
-}
-#endif
-
 const PrivateBuses& privateBuses()
 {
     return buses;
