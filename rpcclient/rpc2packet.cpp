@@ -37,7 +37,7 @@ int be32_value(int value)
 
 } // namespace
 
-RPC2Packet::RPC2Packet() : cursor(0), total(4), hdr{0, 0, 0}, fragmented(false), header_sent(false) {}
+RPC2Packet::RPC2Packet() : view(nullptr), view_len(0), cursor(0), total(4), hdr{0, 0, 0}, fragmented(false), header_sent(false) {}
 
 RPC2Packet::~RPC2Packet()
 {
@@ -79,21 +79,36 @@ const RPC2Packet::Slot* RPC2Packet::control(int code) const
     return nullptr;
 }
 
+// Throws bad_alloc.
 bool RPC2Packet::file(const Slot& s)
 {
-    if (s.code == ra_data) {
-        datas.push_back(s);
-    } else {
-        // Kept in code order, as they are written; the first of a code wins.
-        auto at = controls.begin();
-        while (at != controls.end() && at->code < s.code)
-            ++at;
-        if (at != controls.end() && at->code == s.code)
-            return false;
-        controls.insert(at, s);
+    if (s.code != ra_data) {
+        const int r = file_control(s);
+        if (r < 0)
+            throw std::bad_alloc();
+        return r > 0;
     }
+    datas.push_back(s);
     total += s.size;
     return true;
+}
+
+// Out of line: rare beside data values, and kept out of the parser's loop.
+[[gnu::noinline]] int RPC2Packet::file_control(Slot s) noexcept
+{
+    // Kept in code order, as they are written; the first of a code wins.
+    auto at = controls.begin();
+    while (at != controls.end() && at->code < s.code)
+        ++at;
+    if (at != controls.end() && at->code == s.code)
+        return 0;
+    try {
+        controls.insert(at, s);
+    } catch (const std::bad_alloc&) {
+        return -1;
+    }
+    total += s.size;
+    return 1;
 }
 
 // Throws int 22 for a length no attribute can have, 12 out of memory.
@@ -101,6 +116,7 @@ void RPC2Packet::add_data(const char* data, int len)
 {
     if (len < 0 || len > rpc2_max_packet - 4)
         throw int(ec_inval);
+    own();
     const Slot s{static_cast<ui32>(bytes.size()), static_cast<ui16>(len + 4), static_cast<ui8>(ra_data)};
     // Building does not move the read cursor: a value put behind the last
     // unread one is never read; only parsing adds readable values.
@@ -115,6 +131,7 @@ void RPC2Packet::add_control(int code, const char* data, int len)
 {
     if (control(code) || len < 0 || len > rpc2_max_packet - 4)
         throw int(ec_inval);
+    own();
     const Slot s{static_cast<ui32>(bytes.size()), static_cast<ui16>(len + 4), static_cast<ui8>(code)};
     bytes.insert(bytes.end(), data, data + len);
     file(s);
@@ -123,8 +140,9 @@ void RPC2Packet::add_control(int code, const char* data, int len)
 void RPC2Packet::store(__rpc2_attr* a)
 {
     std::unique_ptr<__rpc2_attr> owned(a);
-    const Slot s{static_cast<ui32>(bytes.size()), a->size, a->code};
     try {
+        own();
+        const Slot s{static_cast<ui32>(bytes.size()), a->size, a->code};
         bytes.insert(bytes.end(), a->vbase.begin(), a->vbase.end());
         file(s);
     } catch (const std::bad_alloc&) {
@@ -224,13 +242,12 @@ bool RPC2Packet::find(int code) const
 
 int RPC2Packet::get_data(int& value)
 {
-    int len = 0;
-    const char* p = peek_data(len);
-    if (!p)
+    const Slot* s = next_data();
+    if (!s)
         return ec_noent;
-    if (len != 4)
+    if (s->size != 8)
         return ec_inval;
-    std::memcpy(&value, p, 4);
+    std::memcpy(&value, payload(*s), 4);
     skip_data();
     return ec_ok;
 }
@@ -242,7 +259,7 @@ int RPC2Packet::get_attr(int code, int& value) const
         return ec_noent;
     if (s->size != 8)
         return ec_inval;
-    value = static_cast<int>(get_be32(reinterpret_cast<const unsigned char*>(bytes.data() + s->off)));
+    value = static_cast<int>(get_be32(reinterpret_cast<const unsigned char*>(base() + s->off)));
     return ec_ok;
 }
 
@@ -253,16 +270,15 @@ int RPC2Packet::get(int code, int& value)
 
 int RPC2Packet::get_data(char* buf, int& len)
 {
-    int n = 0;
-    const char* p = peek_data(n);
-    if (!p)
+    const Slot* s = next_data();
+    if (!s)
         return ec_noent;
     const int cap = len;
-    len = n;
+    len = s->size - 4;
     if (!buf || len > cap)
         return ec_inval;
     if (len)
-        std::memcpy(buf, p, len);
+        std::memcpy(buf, payload(*s), len);
     skip_data();
     return ec_ok;
 }
@@ -277,7 +293,7 @@ int RPC2Packet::get_attr(int code, char* buf, int& len) const
     if (!buf || len > cap)
         return ec_inval;
     if (len)
-        std::memcpy(buf, bytes.data() + s->off, len);
+        std::memcpy(buf, base() + s->off, len);
     return ec_ok;
 }
 
@@ -295,6 +311,8 @@ void RPC2Packet::clear()
 {
     // The buffers keep their capacity for the next packet.
     bytes.clear();
+    view = nullptr;
+    view_len = 0;
     controls.clear();
     datas.clear();
     cursor = 0;
@@ -323,7 +341,7 @@ const std::map<ui8, RPC2Packet::__rpc2_attr*>& RPC2Packet::control_attrs() const
         delete kv.second;
     attr_view.clear();
     for (const Slot& s : controls) {
-        std::unique_ptr<__rpc2_attr> a(fill_r2a(s.code, bytes.data() + s.off, s.size - 4));
+        std::unique_ptr<__rpc2_attr> a(fill_r2a(s.code, base() + s.off, s.size - 4));
         attr_view.emplace(s.code, a.get());
         a.release();
     }
@@ -336,7 +354,7 @@ const std::list<RPC2Packet::__rpc2_ptr>& RPC2Packet::data_attrs() const
         delete p.base;
     data_view.clear();
     for (const Slot& s : datas) {
-        std::unique_ptr<__rpc2_attr> a(fill_r2a(s.code, bytes.data() + s.off, s.size - 4));
+        std::unique_ptr<__rpc2_attr> a(fill_r2a(s.code, base() + s.off, s.size - 4));
         data_view.push_back(__rpc2_ptr{a.get()});
         a.release();
     }
@@ -370,7 +388,7 @@ int RPC2Packet::dump_slot(char* buf, const Slot& s) const
     buf[1] = 0;
     put_be16(buf + 2, s.size);
     if (s.size > 4)
-        std::memcpy(buf + 4, bytes.data() + s.off, s.size - 4);
+        std::memcpy(buf + 4, base() + s.off, s.size - 4);
     return s.size;
 }
 
@@ -413,34 +431,71 @@ RPC2Packet::__rpc2_attr* RPC2Packet::parse_attr(const unsigned char* p, int len)
     return fill_r2a(p[0], reinterpret_cast<const char*>(p + 4), size - 4);
 }
 
-int RPC2Packet::parse_attr(const char* p, int len)
+int RPC2Packet::index(const unsigned char* u, int len, std::size_t at)
 {
     // Whole attributes up to the first that does not fit, each checked
     // against what is left of the region: a region over the limit yields
-    // none. Their bytes are copied in one piece behind what the packet holds.
-    const unsigned char* u = reinterpret_cast<const unsigned char*>(p);
-    int used = 0;
-    while (len - used >= 4 && len - used <= rpc2_max_attr_region) {
-        const int size = static_cast<int>(get_be16(u + used + 2));
-        if (size < 4 || size > len - used)
-            break;
-        used += size;
-    }
-    if (used == 0)
+    // none.
+    if (len > rpc2_max_attr_region)
         return 0;
-    const std::size_t base = bytes.size();
-    int at = 0;
+    // Room for a data value in every 4 bytes, the most the region can hold,
+    // so that filing one is a store; cut back to what was found.
+    const std::size_t first = datas.size();
     try {
-        bytes.insert(bytes.end(), p, p + used);
-        while (at < used) {
-            const Slot s{static_cast<ui32>(base + at + 4), static_cast<ui16>(get_be16(u + at + 2)), u[at]};
-            file(s);
-            at += s.size;
-        }
+        datas.resize(first + static_cast<std::size_t>(len) / 4);
     } catch (const std::bad_alloc&) {
-        // Out of memory ends the packet where it stands, like a bad attribute.
+        return 0;
     }
-    return at;
+    Slot* out = datas.data() + first;
+    const unsigned char* p = u;
+    const unsigned char* const end = u + len;
+    int filed = 0;
+    while (end - p >= 4) {
+        const unsigned size = (unsigned(p[2]) << 8) | p[3];
+        // Below the head's own 4 bytes (wrapping round) or past the end.
+        if (size - 4 > static_cast<unsigned>(end - p) - 4)
+            break;
+        const Slot s{static_cast<ui32>(at + (p - u) + 4), static_cast<ui16>(size), p[0]};
+        if (s.code != ra_data) {
+            if (file_control(s) < 0)
+                break; // out of memory ends the packet here, like a bad attribute
+            p += size;
+            continue;
+        }
+        *out++ = s;
+        filed += static_cast<int>(size);
+        // Most values are 32- or 64-bit numbers: stepping over one by a
+        // constant lets the processor go on to the next attribute while this
+        // one's size is still being read, instead of waiting for it.
+        if (size == 8)
+            p += 8;
+        else if (size == 12)
+            p += 12;
+        else
+            p += size;
+    }
+    datas.resize(static_cast<std::size_t>(out - datas.data()));
+    total += filed;
+    return static_cast<int>(p - u);
+}
+
+int RPC2Packet::parse_attr(const char* p, int len)
+{
+    // Copied in one piece behind what the packet holds, then cut back to
+    // what was filed.
+    if (len < 4 || len > rpc2_max_attr_region)
+        return 0;
+    std::size_t at = 0;
+    try {
+        own();
+        at = bytes.size();
+        bytes.insert(bytes.end(), p, p + len);
+    } catch (const std::bad_alloc&) {
+        return 0;
+    }
+    const int used = index(reinterpret_cast<const unsigned char*>(p), len, at);
+    bytes.resize(at + used);
+    return used;
 }
 
 int RPC2Packet::parse(const char* buf, int len)
@@ -459,6 +514,36 @@ int RPC2Packet::parse(const char* buf, int len)
         return e;
     } catch (...) {
         return ec_badmsg;
+    }
+}
+
+int RPC2Packet::parse_in_place(const char* buf, int len)
+{
+    clear();
+    if (!buf || len < 4)
+        return ec_badmsg;
+    parse_header(buf, len);
+    if (hdr.size < 4 || hdr.size > len)
+        return ec_badmsg;
+    view = buf;
+    view_len = hdr.size;
+    return 4 + index(reinterpret_cast<const unsigned char*>(buf + 4), hdr.size - 4, 4);
+}
+
+void RPC2Packet::own()
+{
+    if (!view)
+        return;
+    bytes.assign(view, view + view_len);
+    view = nullptr;
+}
+
+void RPC2Packet::detach()
+{
+    try {
+        own();
+    } catch (const std::bad_alloc&) {
+        clear();
     }
 }
 

@@ -5,7 +5,9 @@
 // All payloads live in one byte buffer that clear() empties but keeps, so a
 // packet that is reused (the stream's, the session's) allocates nothing once
 // it has seen its largest contents; the attributes are small slots pointing
-// into that buffer.
+// into that buffer. The stream's input packet is parsed where it was
+// received instead, in the stream's buffer, and copies its bytes over only
+// when that buffer is about to be used again while it still holds them.
 #ifndef ZEL_RPC2PACKET_H
 #define ZEL_RPC2PACKET_H
 
@@ -13,9 +15,32 @@
 
 #include <list>
 #include <map>
+#include <memory>
+#include <new>
+#include <utility>
 #include <vector>
 
 namespace ZEL {
+
+namespace detail {
+
+// An allocator whose resize() leaves new elements of a trivial type
+// uninitialised: the parser makes room for as many attributes as a region
+// could hold and writes only those it finds.
+template <class T> struct uninit_allocator : std::allocator<T> {
+    template <class U> struct rebind {
+        using other = uninit_allocator<U>;
+    };
+    uninit_allocator() = default;
+    template <class U> uninit_allocator(const uninit_allocator<U>&) noexcept {}
+    template <class U> void construct(U* p) noexcept { ::new (static_cast<void*>(p)) U; }
+    template <class U, class... A> void construct(U* p, A&&... a)
+    {
+        ::new (static_cast<void*>(p)) U(std::forward<A>(a)...);
+    }
+};
+
+} // namespace detail
 
 class RPC2Packet {
 public:
@@ -91,27 +116,39 @@ private:
     // The stream reads data values straight from the buffer.
     friend class RPC2Stream;
 
-    // One attribute: its payload at bytes[off], size - 4 bytes long.
+    // One attribute: its payload at base()[off], size - 4 bytes long.
     struct Slot {
         ui32 off;
         ui16 size; // as on the wire, the 4-byte head included
-        ui8 code;
+        ui16 code; // a byte, held wider: stores of bytes may alias anything,
+                   // which would keep the parser's state out of registers
     };
 
-    // The data value under the read cursor, or null; its length in len.
-    const char* peek_data(int& len) const
-    {
-        if (cursor == datas.size())
-            return nullptr;
-        len = datas[cursor].size - 4;
-        return bytes.data() + datas[cursor].off;
-    }
+    // The data value under the read cursor, or null.
+    const Slot* next_data() const { return cursor < datas.size() ? &datas[cursor] : nullptr; }
+    const char* payload(const Slot& s) const { return base() + s.off; }
     void skip_data() { ++cursor; }
+
+    // Like parse(), but the packet keeps pointing into buf, which must stay
+    // unchanged until detach() or clear().
+    int parse_in_place(const char* buf, int len);
+    // Takes over the bytes of a packet parsed in place (or, out of memory,
+    // drops them), so that their buffer may be reused.
+    void detach();
+    // The bytes the slots point into.
+    const char* base() const { return view ? view : bytes.data(); }
+    // Before the packet changes: its bytes become its own. Throws bad_alloc.
+    void own();
+    // Files the attributes of a region at u whose bytes are (or will be) at
+    // offset at of base(); the count of bytes filed.
+    int index(const unsigned char* u, int len, std::size_t at);
 
     const Slot* control(int code) const;
     // Files a slot whose payload is already in bytes: a data value at the
     // end of the list, a control attribute unless its code is taken (false).
     bool file(const Slot& s);
+    // 1 filed, 0 its code taken, -1 out of memory.
+    int file_control(Slot s) noexcept;
     void add_data(const char* data, int len);
     void add_control(int code, const char* data, int len);
     void store(__rpc2_attr* a);
@@ -119,8 +156,10 @@ private:
     int dump_slot(char* buf, const Slot& s) const;
 
     std::vector<char> bytes;
+    const char* view;           // the bytes parsed in place, or null
+    int view_len;
     std::vector<Slot> controls; // ordered by code, one per code
-    std::vector<Slot> datas;    // in arrival order
+    std::vector<Slot, detail::uninit_allocator<Slot>> datas; // in arrival order
     std::size_t cursor;         // next data value to read; datas.size() when none
     int total;                  // packet_size(): 4 plus every attribute's size
     rpc2_header hdr;
