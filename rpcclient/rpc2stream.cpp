@@ -1,6 +1,6 @@
 #include "rpc2stream.h"
+#include "rpc2bio.h"
 #include "rpcctx.h"
-#include "sigpipeguard.h"
 
 #include <arpa/inet.h>
 #include <cerrno>
@@ -16,8 +16,15 @@
 namespace ZEL {
 
 namespace {
+
 constexpr int poll_timeout_ms = 50;
+
+ui32 get_be32(const unsigned char* p)
+{
+    return (ui32(p[0]) << 24) | (ui32(p[1]) << 16) | (ui32(p[2]) << 8) | ui32(p[3]);
 }
+
+} // namespace
 
 RPC2Stream::RPC2Stream(RPCServer* server) : RPC2Stream(0, server) {}
 
@@ -42,6 +49,7 @@ RPC2Stream::~RPC2Stream()
 int RPC2Stream::sock(int s)
 {
     sc = s;
+    _nonblocking_sock = -1;
     if (_nonblocking)
         make_nonblocking();
     return 0;
@@ -61,6 +69,7 @@ RPC2Stream& RPC2Stream::operator<<(const RPC2Packet& p)
     // silence shows at the next receive.
     if (p.packet_size() > rpc2_max_packet)
         return *this;
+    rp_in.detach(); // the buffer is about to be overwritten
     const int n = p.dump(buf, rpc2_max_packet);
     if (n > 0)
         send(buf, n);
@@ -75,7 +84,6 @@ int RPC2Stream::send(const char* data, int len)
         return send_polled(data, len);
     if (!ssl_sock)
         return static_cast<int>(::send(sc, data, static_cast<size_t>(len), MSG_NOSIGNAL));
-    SigpipeGuard quiet;
     for (;;) {
         ERR_clear_error();
         const int r = SSL_write(ssl_sock, data, len);
@@ -92,7 +100,6 @@ int RPC2Stream::recv(char* data, int len)
         return recv_polled(data, len);
     if (!ssl_sock)
         return static_cast<int>(::recv(sc, data, static_cast<size_t>(len), MSG_WAITALL | MSG_NOSIGNAL));
-    SigpipeGuard quiet; // a read may answer the peer, e.g. with an alert
     ERR_clear_error();
     int off = 0;
     while (off < len) {
@@ -149,24 +156,30 @@ int RPC2Stream::recv_packet()
     }
     // A bounded stream starts a packet only before its deadline and while
     // not cancelled. A round without input is "not yet" in either mode.
-    int pr;
-    if (bounded()) {
-        const int ms = round_ms();
-        if (ms < 0)
-            return ec_inval;
-        pr = poll_for(ms);
-    } else {
-        pr = poll();
-    }
-    if (pr == ec_timedout)
-        return ec_timedout;
-    if (pr < 0) {
-        flags |= ef_socket;
-        errcode = ec_inval;
+    int ms = poll_timeout_ms;
+    if (bounded() && (ms = round_ms()) < 0)
         return ec_inval;
+    // The input packet is parsed in the buffer the next one is read into.
+    rp_in.detach();
+    // Input that is already there needs no poll round.
+    int got = recv_head_ready();
+    if (got < 0)
+        return short_read(got);
+    if (got == 0) {
+        const int pr = poll_for(ms);
+        if (pr == ec_timedout)
+            return ec_timedout;
+        if (pr < 0) {
+            flags |= ef_socket;
+            errcode = ec_inval;
+            return ec_inval;
+        }
     }
-    if (const int n = recv(buf, 4); n != 4)
-        return short_read(n);
+    if (got < 4) {
+        const int n = recv(buf + got, 4 - got);
+        if (n != 4 - got)
+            return short_read(n < 0 ? n : got + n);
+    }
     rp_in.parse_header(buf, 4);
     const int size = rp_in.size();
     // Size 0 (fragmented) and sizes below the header's own cannot be read
@@ -180,12 +193,31 @@ int RPC2Stream::recv_packet()
         if (const int n = recv(buf + 4, size - 4); n != size - 4)
             return short_read(n);
     }
-    if (rp_in.parse(buf, size) != size) {
+    if (rp_in.parse_in_place(buf, size) != size) {
         flags |= ef_session;
         errcode = ec_badmsg;
         return ec_inval;
     }
     return ec_ok;
+}
+
+int RPC2Stream::recv_head_ready()
+{
+    if (!ssl_sock) {
+        // Nothing, an end of input or an error: the poll round reports it.
+        const ssize_t r = ::recv(sc, buf, 4, MSG_DONTWAIT);
+        return r > 0 ? static_cast<int>(r) : 0;
+    }
+    BIO* bio = SSL_get_rbio(ssl_sock);
+    ERR_clear_error();
+    socket_bio_nowait(bio, true);
+    const int r = SSL_read(ssl_sock, buf, 4);
+    socket_bio_nowait(bio, false);
+    if (r > 0)
+        return r;
+    // A TLS layer that wants to write first is retried in the next round.
+    const int e = SSL_get_error(ssl_sock, r);
+    return e == SSL_ERROR_WANT_READ || e == SSL_ERROR_WANT_WRITE ? 0 : -ec_inval;
 }
 
 int RPC2Stream::short_read(int n)
@@ -252,40 +284,64 @@ int RPC2Stream::refill()
     return ec_ok;
 }
 
+// Inlined into the typed reads: a value already in the packet costs no call.
+inline const RPC2Packet::Slot* RPC2Stream::next_value(int& r)
+{
+    if (const RPC2Packet::Slot* s = rp_in.next_data())
+        return s;
+    return next_packet_value(r);
+}
+
+[[gnu::noinline]] const RPC2Packet::Slot* RPC2Stream::next_packet_value(int& r)
+{
+    r = refill();
+    if (r != ec_ok)
+        return nullptr;
+    const RPC2Packet::Slot* s = rp_in.next_data();
+    if (!s)
+        r = ec_noent;
+    return s;
+}
+
 int RPC2Stream::get32(ui32& raw)
 {
-    const int r = refill();
-    if (r != ec_ok)
+    int r;
+    const RPC2Packet::Slot* s = next_value(r);
+    if (!s)
         return r;
-    int v;
-    const int g = rp_in.get_data(v);
-    if (g != ec_ok)
-        return g;
-    raw = ntohl(static_cast<ui32>(v));
+    if (s->size != 8)
+        return ec_inval;
+    raw = get_be32(reinterpret_cast<const unsigned char*>(rp_in.payload(*s)));
+    rp_in.skip_data();
     return ec_ok;
 }
 
 int RPC2Stream::get64(ui64& raw)
 {
-    const int r = refill();
-    if (r != ec_ok)
+    int r;
+    const RPC2Packet::Slot* s = next_value(r);
+    if (!s)
         return r;
-    // A payload shorter than 8 bytes is accepted; the missing low-order
-    // bytes read as zero.
-    unsigned char b[8] = {0, 0, 0, 0, 0, 0, 0, 0};
-    int len = 8;
-    const int g = rp_in.get_data(reinterpret_cast<char*>(b), len);
-    if (g != ec_ok)
-        return g;
-    raw = 0;
-    for (int i = 0; i < 8; ++i)
-        raw = (raw << 8) | b[i];
+    const int len = s->size - 4;
+    const unsigned char* p = reinterpret_cast<const unsigned char*>(rp_in.payload(*s));
+    if (len == 8) {
+        raw = (ui64(get_be32(p)) << 32) | get_be32(p + 4);
+    } else if (len > 8) {
+        return ec_inval;
+    } else {
+        // A payload shorter than 8 bytes is accepted; the missing low-order
+        // bytes read as zero.
+        unsigned char b[8] = {0, 0, 0, 0, 0, 0, 0, 0};
+        std::memcpy(b, p, static_cast<std::size_t>(len));
+        raw = (ui64(get_be32(b)) << 32) | get_be32(b + 4);
+    }
+    rp_in.skip_data();
     return ec_ok;
 }
 
 template <> int RPC2Stream::data_get<int>(int& value)
 {
-    ui32 v;
+    ui32 v = 0;
     const int r = get32(v);
     if (r == ec_ok)
         value = static_cast<std::int32_t>(v);
@@ -294,7 +350,7 @@ template <> int RPC2Stream::data_get<int>(int& value)
 
 template <> int RPC2Stream::data_get<long>(long& value)
 {
-    ui32 v;
+    ui32 v = 0;
     const int r = get32(v);
     if (r == ec_ok)
         value = static_cast<std::int32_t>(v);
@@ -303,7 +359,7 @@ template <> int RPC2Stream::data_get<long>(long& value)
 
 template <> int RPC2Stream::data_get<unsigned int>(unsigned int& value)
 {
-    ui32 v;
+    ui32 v = 0;
     const int r = get32(v);
     if (r == ec_ok)
         value = v;
@@ -312,7 +368,7 @@ template <> int RPC2Stream::data_get<unsigned int>(unsigned int& value)
 
 template <> int RPC2Stream::data_get<long long>(long long& value)
 {
-    ui64 v;
+    ui64 v = 0;
     const int r = get64(v);
     if (r == ec_ok)
         value = static_cast<long long>(v);
@@ -321,28 +377,42 @@ template <> int RPC2Stream::data_get<long long>(long long& value)
 
 template <> int RPC2Stream::data_get<double>(double& value)
 {
-    ui64 v;
+    ui64 v = 0;
     const int r = get64(v);
     if (r == ec_ok)
         std::memcpy(&value, &v, sizeof value);
     return r;
 }
 
+template <> int RPC2Stream::data_get<std::string>(std::string& value)
+{
+    int r;
+    const RPC2Packet::Slot* s = next_value(r);
+    if (!s)
+        return r;
+    try {
+        value.assign(rp_in.payload(*s), static_cast<std::size_t>(s->size - 4));
+    } catch (const std::bad_alloc&) {
+        return ec_nomem;
+    }
+    rp_in.skip_data();
+    return ec_ok;
+}
+
 int RPC2Stream::data_get_new(char*& data, int& len)
 {
-    const int r = refill();
-    if (r != ec_ok)
+    int r;
+    const RPC2Packet::Slot* s = next_value(r);
+    if (!s)
         return r;
-    if (!rp_in.find(ra_data))
-        return ec_noent;
-    int n = 0;
-    rp_in.get_data(nullptr, n); // sizes the value without consuming it
-    char* p = new (std::nothrow) char[n > 0 ? n : 1];
-    if (!p)
+    const int n = s->size - 4;
+    char* copy = new (std::nothrow) char[n > 0 ? n : 1];
+    if (!copy)
         return ec_nomem;
-    int got = n;
-    rp_in.get_data(p, got);
-    data = p;
+    if (n)
+        std::memcpy(copy, rp_in.payload(*s), static_cast<std::size_t>(n));
+    rp_in.skip_data();
+    data = copy;
     len = n;
     return ec_ok;
 }

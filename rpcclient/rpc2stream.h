@@ -79,8 +79,9 @@ public:
 
     // Typed input: data_get<int|long|unsigned int|long long|double>. 32-bit
     // values must be exactly 4 bytes; 64-bit ones at most 8, a shorter one
-    // reading its missing low-order bytes as zero. data_get_new hands out a
-    // new[] array the caller frees with delete[].
+    // reading its missing low-order bytes as zero. data_get<std::string>
+    // takes a value's bytes as they are, any length, like data_get_new,
+    // which hands out a new[] array the caller frees with delete[].
     template <typename T> int data_get(T& value);
     int data_get_new(char*& data, int& len);
     int end_input();
@@ -145,6 +146,14 @@ private:
     // still go through. Used for a best-effort goodbye.
     void stop_waiting();
     int refill();
+    // The data value under the input packet's cursor, reading the next
+    // packet when this one has none left; null with the failure in r.
+    const RPC2Packet::Slot* next_value(int& r);
+    const RPC2Packet::Slot* next_packet_value(int& r);
+    // Reads what has arrived of the next packet's header into buf without
+    // waiting: its count, 0 when nothing has, or -ec_inval when the TLS
+    // layer failed.
+    int recv_head_ready();
     int get32(ui32& raw);
     int get64(ui64& raw);
 
@@ -163,6 +172,7 @@ private:
     int flags;
     int errcode;
     bool _nonblocking = false;
+    int _nonblocking_sock = -1; // the socket already switched, if any
     bool _has_deadline = false;
     std::chrono::steady_clock::time_point _deadline;
     const std::atomic<bool>* _cancel = nullptr;
@@ -174,6 +184,7 @@ template <> int RPC2Stream::data_get<long>(long& value);
 template <> int RPC2Stream::data_get<unsigned int>(unsigned int& value);
 template <> int RPC2Stream::data_get<long long>(long long& value);
 template <> int RPC2Stream::data_get<double>(double& value);
+template <> int RPC2Stream::data_get<std::string>(std::string& value);
 extern template int RPC2Stream::data_put<int>(int value);
 extern template int RPC2Stream::data_put<long>(long value);
 

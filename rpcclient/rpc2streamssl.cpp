@@ -1,8 +1,8 @@
 // The stream's secure channel: after a login that granted protection, the
 // same socket carries an SSL/TLS connection.
 #include "rpc2stream.h"
+#include "rpc2bio.h"
 #include "rpcctx.h"
-#include "sigpipeguard.h"
 
 #include <openssl/err.h>
 #include <openssl/ssl.h>
@@ -33,11 +33,16 @@ int RPC2Stream::__ssl_bind(SSL_CTX* ctx, int type)
         SSL_free(ssl_sock);
     // No cached session is reused: every connection negotiates afresh.
     ssl_sock = SSL_new(ctx);
-    if (!ssl_sock)
+    BIO* bio = ssl_sock ? new_socket_bio(sc) : nullptr;
+    if (!bio) {
+        SSL_free(ssl_sock);
+        ssl_sock = nullptr;
         return ec_inval;
+    }
     conn_type = type;
     SSL_set_mode(ssl_sock, SSL_MODE_AUTO_RETRY);
-    SSL_set_fd(ssl_sock, sc);
+    // Our socket BIO: a write to a peer that has gone fails, no SIGPIPE.
+    SSL_set_bio(ssl_sock, bio, bio);
     return 0;
 }
 
@@ -57,7 +62,6 @@ int RPC2Stream::ssl_handshake(bool client)
 {
     if (!ssl_sock)
         return ec_inval;
-    SigpipeGuard quiet;
     // A blocking socket finishes the handshake in one call; a bounded
     // stream waits for the socket between steps until its deadline.
     for (;;) {
@@ -80,7 +84,6 @@ int RPC2Stream::__ssl_shutdown()
 {
     if (!ssl_sock)
         return -1;
-    SigpipeGuard quiet;
     // Quiet: no closing alert is sent or awaited, so this never waits.
     SSL_set_quiet_shutdown(ssl_sock, 1);
     int r = SSL_shutdown(ssl_sock);

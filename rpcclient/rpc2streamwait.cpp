@@ -3,7 +3,6 @@
 // of at most 50 ms, so that neither a silent server nor a user who gave up
 // is waited for longer than asked.
 #include "rpc2stream.h"
-#include "sigpipeguard.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -47,11 +46,14 @@ void RPC2Stream::stop_waiting()
 void RPC2Stream::make_nonblocking()
 {
     _nonblocking = true;
-    if (sc <= 0)
-        return; // sock() applies it to the next socket
+    // sock() applies it to the next socket; a socket already switched is
+    // not asked again at every call's bound.
+    if (sc <= 0 || sc == _nonblocking_sock)
+        return;
     const int fl = ::fcntl(sc, F_GETFL);
     if (fl >= 0 && !(fl & O_NONBLOCK))
         ::fcntl(sc, F_SETFL, fl | O_NONBLOCK);
+    _nonblocking_sock = sc;
 }
 
 int RPC2Stream::round_ms()
@@ -99,7 +101,6 @@ int RPC2Stream::wait_ready(short events)
 
 int RPC2Stream::recv_polled(char* data, int len)
 {
-    SigpipeGuard quiet; // a TLS read may answer the peer, e.g. with an alert
     int off = 0;
     while (off < len) {
         int w;
@@ -139,7 +140,6 @@ int RPC2Stream::recv_polled(char* data, int len)
 
 int RPC2Stream::send_polled(const char* data, int len)
 {
-    SigpipeGuard quiet;
     int off = 0;
     while (off < len) {
         int w;
