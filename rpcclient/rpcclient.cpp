@@ -321,10 +321,10 @@ int RPCClient::_call(int function)
         return ec_inval;
     // The whole call, up to end_call, shares one bound (none when 0).
     _rst.set_timeout(_call_ms);
-    RPC2Packet p;
-    p.code(rc_session_call);
-    p.put(ra_call, function);
-    _rst << p;
+    _request.clear();
+    _request.code(rc_session_call);
+    _request.put(ra_call, function);
+    _rst << _request;
     if (_rst.bad()) {
         disconnect();
         _rst.set_timeout(0);

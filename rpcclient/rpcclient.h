@@ -110,6 +110,7 @@ private:
 
     RPC2::key128_t _sk;
     RPC2Stream _rst;
+    RPC2Packet _request; // the call request, reused from call to call
     sockaddr_in _serv;
     sock_t _sock;
     int _connected;
