@@ -26,26 +26,37 @@ template <class T> T readValue(RPC2Stream& s)
     return value;
 }
 
-// A byte block with its received length; the stream's buffer is released at once.
+// A byte block with its received length, built straight from the reply.
 std::string readBlock(RPC2Stream& s)
 {
-    char* data = nullptr;
-    int len = 0;
-    check(s.data_get_new(data, len));
-    std::unique_ptr<char[]> owned(data);
-    return std::string(data, static_cast<std::size_t>(len));
+    std::string block;
+    check(s.data_get(block));
+    return block;
 }
 
 // One list of a service: records while the marker is 1; any other marker
-// ends the list and is consumed.
+// ends the list and is consumed. Each record is built in place; a failed
+// read leaves a partial one, but a failed report is dropped as a whole.
 void readClasses(RPC2Stream& s, std::vector<MiniClient::TClassReport>& list)
 {
     while (readValue<int>(s) == 1) {
-        MiniClient::TClassReport tclass;
-        tclass.id = readValue<int>(s);
-        tclass.name = readBlock(s);
-        tclass.size = readValue<long long>(s);
-        list.push_back(tclass);
+        MiniClient::TClassReport& tclass = list.emplace_back();
+        check(s.data_get(tclass.id));
+        check(s.data_get(tclass.name));
+        check(s.data_get(tclass.size));
+    }
+}
+
+// A service's name and its three lists. A list tends to be as long as the
+// one before it, so room for that many is made first: a length that bytes
+// already received back, which at most doubles what the report holds.
+void readService(RPC2Stream& s, MiniClient::ServiceReport& service, std::size_t& lastList)
+{
+    check(s.data_get(service.name));
+    for (auto* list : {&service.oldPrepaid, &service.prepaid, &service.downloaded}) {
+        list->reserve(lastList);
+        readClasses(s, *list);
+        lastList = list->size();
     }
 }
 
@@ -165,14 +176,9 @@ int MiniClient::refreshPrepaid()
     auto fresh = std::make_unique<ServiceList>();
     const int rc = runCall(*this, fnPrepaid, [this, &fresh](RPC2Stream& s) {
         check(s.data_get(sizeDivisor));
-        while (readValue<int>(s) != 0) {
-            ServiceReport service;
-            service.name = readBlock(s);
-            readClasses(s, service.oldPrepaid);
-            readClasses(s, service.prepaid);
-            readClasses(s, service.downloaded);
-            fresh->push_back(std::move(service));
-        }
+        std::size_t lastList = 0;
+        while (readValue<int>(s) != 0)
+            readService(s, fresh->emplace_back(), lastList);
     });
     // A failed read publishes nothing: the previous report stays.
     if (rc == rcOk) {
