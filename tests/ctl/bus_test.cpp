@@ -162,8 +162,7 @@ protected:
                                                          "--nofork", "--print-address=1"}),
                                                 std::vector<std::string>{}, ChildProcess::CaptureBoth);
         ASSERT_TRUE(daemon->started()) << daemon->startError();
-        ASSERT_EQ(ChildProcess::Read::Line, daemon->readLine(address, bound))
-            << "waited " << bound.count() << " s for dbus-daemon to print its address\n" << daemon->stderrText();
+        ASSERT_TRUE(lineFrom(*daemon, address, "dbus-daemon to print its address"));
         ASSERT_EQ(0u, address.rfind("unix:", 0)) << address;
         static int buses = 0;
         busName = QStringLiteral("zel5-bus-test-%1").arg(++buses);
@@ -199,6 +198,21 @@ protected:
                                                      << tray->stderrText();
             deliverEventsFor(10ms);
         }
+    }
+
+    // The next line `child` prints, within the bound.
+    static ::testing::AssertionResult lineFrom(ChildProcess& child, std::string& line, const std::string& what)
+    {
+        switch (child.readLine(line, bound)) {
+        case ChildProcess::Read::Line:
+            return ::testing::AssertionSuccess();
+        case ChildProcess::Read::Timeout:
+            return ::testing::AssertionFailure() << "waited " << bound.count() << " s for " << what << "\n"
+                                                 << child.stderrText();
+        case ChildProcess::Read::End:
+            break;
+        }
+        return ::testing::AssertionFailure() << "the output ended before " << what << "\n" << child.stderrText();
     }
 
     // Runs this thread's event loop for a while: the bus's signals arrive.
@@ -424,16 +438,14 @@ TEST_F(TrayBusTest, WaybarPrintsALineAtStartAndAnotherWhenTheTrayTellsANewBalanc
     ChildProcess waybar(asChild(command({"waybar"})), childEnvironment(), ChildProcess::CaptureBoth);
     ASSERT_TRUE(waybar.started()) << waybar.startError();
     std::string line;
-    ASSERT_EQ(ChildProcess::Read::Line, waybar.readLine(line, bound))
-        << "waited " << bound.count() << " s for the first line of zel5ctl waybar\n" << waybar.stderrText();
+    ASSERT_TRUE(lineFrom(waybar, line, "the first line of zel5ctl waybar"));
     QJsonObject shown = QJsonDocument::fromJson(QByteArray::fromStdString(line)).object();
     EXPECT_EQ("42.50", shown.value("text").toString().toStdString()) << line;
     EXPECT_EQ("internet-on", shown.value("alt").toString().toStdString()) << line;
 
     ASSERT_TRUE(sim->withAccount(login, [](zel5sim::Account& a) { a.balance = 3.5; }));
     ASSERT_TRUE(answered(call(accountInterface, QStringLiteral("Refresh"))));
-    ASSERT_EQ(ChildProcess::Read::Line, waybar.readLine(line, bound))
-        << "waited " << bound.count() << " s for a line with the new balance\n" << waybar.stderrText();
+    ASSERT_TRUE(lineFrom(waybar, line, "a line with the new balance"));
     shown = QJsonDocument::fromJson(QByteArray::fromStdString(line)).object();
     EXPECT_EQ("3.50", shown.value("text").toString().toStdString()) << line;
     EXPECT_EQ("internet-on", shown.value("alt").toString().toStdString()) << line;
