@@ -1,6 +1,5 @@
-// Test helpers for bounded waits: elapsed time judged against a bound, a
-// cancel flag set from another thread, and a watchdog that ends a wait the
-// code under test failed to end.
+// Bounded waits: elapsed time against a bound, a cancel flag set from another
+// thread, and a watchdog that ends a wait the code under test failed to end.
 #ifndef ZEL5_TESTS_BOUNDS_H
 #define ZEL5_TESTS_BOUNDS_H
 
@@ -24,8 +23,7 @@ inline long long msSince(Clock::time_point t0)
     return std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - t0).count();
 }
 
-// A wait started at t0 with a bound of boundMs ended neither before it nor
-// far after it.
+// A wait started at t0 ended neither before its bound nor far after it.
 inline ::testing::AssertionResult endedAtBound(Clock::time_point t0, long long boundMs)
 {
     const long long ms = msSince(t0);
@@ -34,8 +32,7 @@ inline ::testing::AssertionResult endedAtBound(Clock::time_point t0, long long b
     return ::testing::AssertionSuccess();
 }
 
-// In a helper thread: true once ms have passed, false as soon as the thread
-// is asked to stop.
+// In a helper thread: true once ms have passed, false as soon as it is asked to stop.
 inline bool delayPassed(std::stop_token stop, int ms)
 {
     std::mutex m;
@@ -57,8 +54,7 @@ public:
           })
     {
     }
-    // The wait ended within one poll round (plus room for a loaded machine)
-    // of the flag being set.
+    // The wait ended within a poll round (and room for a loaded machine) of the flag being set.
     ::testing::AssertionResult endedSoonAfterSet() const
     {
         const auto at = setAt.load();
@@ -73,8 +69,7 @@ private:
     std::jthread thread; // last: starts once setAt exists
 };
 
-// A test still waiting after ms fails, and rescue ends its wait (shuts a
-// socket down, stops a server). Destroying the watchdog dismisses it.
+// A test still waiting after ms fails, and rescue ends its wait; destroying the watchdog dismisses it.
 class Watchdog {
 public:
     Watchdog(int ms, std::string what, std::function<void()> rescue)
