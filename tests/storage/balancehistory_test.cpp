@@ -10,6 +10,7 @@
 #include <csignal>
 #include <poll.h>
 #include <random>
+#include <tuple>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -17,10 +18,18 @@
 namespace {
 
 constexpr qint64 Day = 86400;
-// An arbitrary "now" for the forecast cases.
 constexpr qint64 Now = 1700000000;
 
 using Sample = BalanceHistory::Sample;
+
+// count samples a second apart from Now, of balances 0 and 1 in turn.
+QByteArray lines(int count)
+{
+    QByteArray text;
+    for (int i = 0; i < count; ++i)
+        text += QByteArray::number(Now + i) + ' ' + QByteArray::number(i % 2) + '\n';
+    return text;
+}
 
 QString text(const QVector<Sample>& samples)
 {
@@ -45,13 +54,6 @@ protected:
         QFile f(path);
         ASSERT_TRUE(f.open(QIODevice::WriteOnly) && f.write(data) == data.size());
     }
-    // What is in the history's folder besides the history itself.
-    QStringList strayFiles() const
-    {
-        QStringList files = QDir(QFileInfo(path).absolutePath()).entryList(QDir::Files | QDir::Hidden);
-        files.removeAll(QStringLiteral("balance_history"));
-        return files;
-    }
     // A history that ends at Now with the balances given, one per day.
     BalanceHistory daily(const QVector<double>& balances)
     {
@@ -68,12 +70,6 @@ protected:
 
 } // namespace
 
-TEST_F(BalanceHistoryTest, TheFileLivesNextToTheMessageStore)
-{
-    qputenv("XDG_DATA_HOME", QFile::encodeName(dir.filePath("xdg")));
-    EXPECT_EQ(BalanceHistory::defaultPath(), dir.filePath("xdg/zel5_tray/balance_history"));
-}
-
 TEST_F(BalanceHistoryTest, EachChangeIsRecordedOnceAndSurvivesAReload)
 {
     BalanceHistory history(path);
@@ -87,6 +83,8 @@ TEST_F(BalanceHistoryTest, EachChangeIsRecordedOnceAndSurvivesAReload)
     EXPECT_TRUE(history.record(2200, -7));
     EXPECT_TRUE(history.record(2500, 10.5)); // only the newest sample counts as "the same"
     EXPECT_EQ(read(), "1000 10.5\n1900 0.30000000000000004\n2200 -7\n2500 10.5\n");
+    EXPECT_EQ(QDir(QFileInfo(path).absolutePath()).entryList(QDir::Files | QDir::Hidden),
+              QStringList{"balance_history"}) << "a save left a temporary file behind";
     struct stat st {};
     ASSERT_EQ(::stat(QFile::encodeName(path).constData(), &st), 0);
     EXPECT_EQ(st.st_mode & 0777, 0600u) << "the balance is the subscriber's own business";
@@ -111,8 +109,7 @@ TEST_F(BalanceHistoryTest, AClockThatWentBackDropsTheSamplesFromItsFuture)
     history.record(6000, 3);
     EXPECT_TRUE(history.record(4000, 4));
     EXPECT_EQ(text(history.samples()), "1000:1 4000:4");
-    // The same balance as the sample before: nothing added, but the
-    // samples from the future still go, on disk too.
+    // The same balance as the sample before: nothing added, but the future still goes, on disk too.
     history.record(7000, 5);
     EXPECT_FALSE(history.record(4500, 4));
     EXPECT_EQ(read(), "1000 1\n4000 4\n");
@@ -142,12 +139,8 @@ TEST_F(BalanceHistoryTest, OldAndSurplusSamplesAreDropped)
     EXPECT_EQ(text(history.samples()), QString("%1:3 %2:4").arg(BalanceHistory::MaxAgeSeconds)
                                            .arg(BalanceHistory::MaxAgeSeconds + Day + 1));
 
-    // A file with more samples than the cap: the newest are kept, and a
-    // record keeps the count at the cap.
-    QByteArray many;
-    for (int i = 0; i < BalanceHistory::MaxSamples + 100; ++i)
-        many += QByteArray::number(Now + i) + ' ' + QByteArray::number(i % 2) + '\n';
-    write(many);
+    // Over the cap in the file: the newest are kept, and a record keeps the count at the cap.
+    write(lines(BalanceHistory::MaxSamples + 100));
     ASSERT_TRUE(history.load());
     ASSERT_EQ(history.samples().size(), BalanceHistory::MaxSamples);
     EXPECT_EQ(history.samples().first().time, Now + 100);
@@ -157,22 +150,10 @@ TEST_F(BalanceHistoryTest, OldAndSurplusSamplesAreDropped)
     EXPECT_EQ(read().count('\n'), BalanceHistory::MaxSamples);
 }
 
-TEST_F(BalanceHistoryTest, ASaveLeavesNoTemporaryFileBehind)
-{
-    BalanceHistory history(path);
-    for (int i = 0; i < 20; ++i)
-        history.record(1000 + i, i);
-    EXPECT_EQ(strayFiles(), QStringList());
-    EXPECT_EQ(read().count('\n'), 20);
-}
-
 // A writer killed at random moments: the file is always a whole history.
 TEST_F(BalanceHistoryTest, AKilledWriterLeavesTheOldOrTheNewFileWhole)
 {
-    QByteArray full;
-    for (int i = 0; i < BalanceHistory::MaxSamples; ++i)
-        full += QByteArray::number(Now + i) + ' ' + QByteArray::number(i % 2) + '\n';
-    write(full);
+    write(lines(BalanceHistory::MaxSamples));
     std::mt19937 random(12345);
     for (int round = 0; round < 15; ++round) {
         int ready[2];
@@ -180,8 +161,7 @@ TEST_F(BalanceHistoryTest, AKilledWriterLeavesTheOldOrTheNewFileWhole)
         const pid_t pid = ::fork();
         ASSERT_GE(pid, 0);
         if (pid == 0) {
-            // The child records until killed, telling when its first save is
-            // done, and gives up on its own after a while.
+            // Records until killed, telling when its first save is done; gives up after 20 s.
             ::close(ready[0]);
             BalanceHistory history(path);
             history.load();
@@ -208,42 +188,32 @@ TEST_F(BalanceHistoryTest, AKilledWriterLeavesTheOldOrTheNewFileWhole)
         const QByteArray data = read();
         BalanceHistory history(path);
         ASSERT_TRUE(history.load());
-        ASSERT_TRUE(data.endsWith('\n')) << "round " << round;
-        ASSERT_EQ(data.count('\n'), BalanceHistory::MaxSamples) << "round " << round;
-        ASSERT_EQ(history.samples().size(), BalanceHistory::MaxSamples) << "round " << round;
+        ASSERT_TRUE(data.endsWith('\n') && data.count('\n') == BalanceHistory::MaxSamples
+                    && history.samples().size() == BalanceHistory::MaxSamples)
+            << "round " << round << ": " << data.count('\n') << " lines, " << history.samples().size() << " samples";
     }
     BalanceHistory after(path);
     ASSERT_TRUE(after.load());
     EXPECT_GT(after.samples().constLast().time, Now + BalanceHistory::MaxSamples) << "the writers saved something";
 }
 
-TEST_F(BalanceHistoryTest, AForecastNeedsSevenDaysOfFallingBalance)
+TEST_F(BalanceHistoryTest, AForecastNeedsSevenDaysOfFallingBalanceSinceTheLastPayment)
 {
-    // 10 a day over 7 days, 30 left: 3 days.
-    EXPECT_EQ(daily({100, 90, 80, 70, 60, 50, 40, 30}).daysLeft(Now), 3);
-    // Partial days round up: 35 left at 10 a day.
-    EXPECT_EQ(daily({105, 95, 85, 75, 65, 55, 45, 35}).daysLeft(Now), 4);
-    // Six days are not enough.
-    EXPECT_EQ(daily({90, 80, 70, 60, 50, 40, 30}).daysLeft(Now), std::nullopt);
-    // Only the first and the last sample set the rate.
-    EXPECT_EQ(daily({100, 99, 98, 97, 96, 95, 94, 30}).daysLeft(Now), 3);
-    // Run out, or in debt: nothing to forecast.
-    EXPECT_EQ(daily({70, 60, 50, 40, 30, 20, 10, 0}).daysLeft(Now), std::nullopt);
-    EXPECT_EQ(daily({65, 55, 45, 35, 25, 15, 5, -5}).daysLeft(Now), std::nullopt);
-    // Too few samples.
-    EXPECT_EQ(daily({}).daysLeft(Now), std::nullopt);
-    EXPECT_EQ(daily({50}).daysLeft(Now), std::nullopt);
-}
-
-TEST_F(BalanceHistoryTest, APaymentStartsTheForecastAfresh)
-{
-    // A rise three days before the end leaves too short a falling span.
-    EXPECT_EQ(daily({100, 90, 80, 70, 60, 50, 40, 30, 20, 200, 190, 180, 170}).daysLeft(Now), std::nullopt);
-    // A rise eight days before the end: only the span after it counts
-    // (210 down to 120 in 9 days: 10 a day).
-    EXPECT_EQ(daily({100, 90, 80, 210, 200, 190, 180, 170, 160, 150, 140, 130, 120}).daysLeft(Now), 12);
-    // A balance that only rose has no forecast.
-    EXPECT_EQ(daily({10, 20, 30, 40, 50, 60, 70, 80}).daysLeft(Now), std::nullopt);
+    const std::tuple<const char*, QVector<double>, std::optional<int>> cases[] = {
+        {"10 a day, 30 left", {100, 90, 80, 70, 60, 50, 40, 30}, 3},
+        {"a part day rounds up", {105, 95, 85, 75, 65, 55, 45, 35}, 4},
+        {"six days", {90, 80, 70, 60, 50, 40, 30}, std::nullopt},
+        {"first and last set the rate", {100, 99, 98, 97, 96, 95, 94, 30}, 3},
+        {"run out", {70, 60, 50, 40, 30, 20, 10, 0}, std::nullopt},
+        {"in debt", {65, 55, 45, 35, 25, 15, 5, -5}, std::nullopt},
+        {"no samples", {}, std::nullopt},
+        {"one sample", {50}, std::nullopt},
+        {"paid three days ago", {100, 90, 80, 70, 60, 50, 40, 30, 20, 200, 190, 180, 170}, std::nullopt},
+        {"a payment, then 210 to 120 in 9 days", {100, 90, 80, 210, 200, 190, 180, 170, 160, 150, 140, 130, 120}, 12},
+        {"only rising", {10, 20, 30, 40, 50, 60, 70, 80}, std::nullopt},
+    };
+    for (const auto& [name, balances, days] : cases)
+        EXPECT_EQ(daily(balances).daysLeft(Now), days) << name;
 }
 
 TEST_F(BalanceHistoryTest, TheForecastLooksAtTheLastNinetyDaysOnly)
