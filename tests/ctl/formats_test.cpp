@@ -1,6 +1,4 @@
-// The text and JSON forms that the tray and zel5ctl share (the report's
-// lines and JSON, the store as JSON) and zel5ctl's own (message bodies as
-// plain text, the status).
+// The text and JSON forms the tray and zel5ctl share, and zel5ctl's own.
 #include "filefinder.h"
 #include "htmltext.h"
 #include "messagecollector.h"
@@ -18,14 +16,8 @@ namespace {
 
 MiniClient::ServiceList sampleReport()
 {
-    MiniClient::ServiceReport mail;
-    mail.name = "Mail & Web %4";
-    mail.oldPrepaid = {{1, "Day", 536870912}};
-    mail.prepaid = {{1, "Day", 21474836480LL}, {-2, "Night (\xc3\xbc)", 1}};
-    MiniClient::ServiceReport tv;
-    tv.name = "TV";
-    tv.downloaded = {{7, "%1 %2", 1572864}};
-    return {mail, tv};
+    return {{"Mail & Web %4", {{1, "Day", 536870912}}, {{1, "Day", 21474836480LL}, {-2, "Night (\xc3\xbc)", 1}}, {}},
+            {"TV", {}, {}, {{7, "%1 %2", 1572864}}}};
 }
 
 TEST(ReportFormatTest, LinesAreTheTrafficSubmenusText)
@@ -111,9 +103,8 @@ TEST(MessagesJsonTest, ListsTheStoreOldestFirstAndLeavesTheCursorWhereItWas)
     PathFinder finder(dir.filePath("messages").toStdString());
     MessageCollector store(&finder);
     EXPECT_TRUE(messagesJson(store).isEmpty());
-    for (int i = 1; i <= 4; ++i) {
-        std::string subject = "s" + std::to_string(i), text = "<p>t" + std::to_string(i) + "</p>",
-                    date = "0" + std::to_string(i) + ".01.2024 10:00:00";
+    for (std::string i : {"1", "2", "3", "4"}) {
+        std::string subject = "s" + i, text = "<p>t" + i + "</p>", date = "0" + i + ".01.2024 10:00:00";
         store.insertMessage(subject, text, date);
     }
     for (std::size_t at : {0u, 1u, 3u}) {

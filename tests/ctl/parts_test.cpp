@@ -1,5 +1,4 @@
-// zel5ctl's parts that decide without a server: the command line, the exit
-// code and words of each failure, and the classes of the status bar line.
+// zel5ctl's parts that decide without a server: command line, failures, status bar line.
 #include "barline.h"
 #include "commandline.h"
 #include "failure.h"
@@ -22,15 +21,12 @@ struct Valid {
 TEST(CommandLineTest, AcceptsEachCommandWithItsOptionsInAnyOrder)
 {
     const Valid cases[] = {
-        {{"status"}, CommandLine::Status, false, false, false},
         {{"status", "--json"}, CommandLine::Status, true, false, false},
         {{"--json", "report"}, CommandLine::Report, true, false, false},
         {{"messages", "--json"}, CommandLine::Messages, true, false, false},
         {{"switch-internet"}, CommandLine::SwitchInternet, false, false, false},
-        {{"waybar"}, CommandLine::Waybar, false, false, false},
         {{"waybar", "--once", "--format", "text"}, CommandLine::Waybar, false, true, true},
         {{"waybar", "--format=json"}, CommandLine::Waybar, false, false, false},
-        {{"--help"}, CommandLine::Help, false, false, false},
         {{"status", "-h"}, CommandLine::Help, false, false, false},
         {{"help"}, CommandLine::Help, false, false, false},
         {{"-V"}, CommandLine::Version, false, false, false},
@@ -57,7 +53,6 @@ TEST(CommandLineTest, RefusesMistakesWithTheirReason)
         {{"status", "--verbose"}, "unknown option --verbose"},
         {{"status", "--json=yes"}, "option --json takes no value"},
         {{"switch-internet", "--json"}, "switch-internet does not take --json"},
-        {{"waybar", "--json"}, "waybar does not take --json"},
         {{"status", "--once"}, "status does not take --once"},
         {{"report", "--format", "text"}, "report does not take --format"},
         {{"waybar", "--format", "xml"}, "--format takes \"json\" or \"text\""},
@@ -87,8 +82,6 @@ TEST(FailureTest, ConnectResultsMapOntoExitCodes)
         {MiniClient::rcSessionFailed, EACCES, Failure::LoginRefused, "login refused"},
         {MiniClient::rcSessionFailed, EBADMSG, Failure::Failed, "b.example:11758 is not a billing server"},
         {MiniClient::rcSessionFailed, ECONNREFUSED, Failure::Unreachable, "cannot be reached: connection refused"},
-        {MiniClient::rcSessionFailed, ETIMEDOUT, Failure::Unreachable, "cannot be reached: connection timed out"},
-        {MiniClient::rcSessionFailed, EHOSTUNREACH, Failure::Unreachable, "cannot be reached"},
         {MiniClient::rcSessionFailed, EPROTO, Failure::Unreachable, "cannot be reached"},
     };
     for (const Case& c : cases) {
@@ -103,20 +96,14 @@ TEST(FailureTest, ConnectResultsMapOntoExitCodes)
 TEST(FailureTest, ACallThatFailedAtItsBoundIsNoAnswerAndSoonerABrokenExchange)
 {
     EXPECT_EQ(Failure::Unreachable, Failure::fromCall(30000, 30000, "h", 1).code);
-    EXPECT_EQ(Failure::Unreachable, Failure::fromCall(30450, 30000, "h", 1).code);
     EXPECT_TRUE(Failure::fromCall(30450, 30000, "h", 1).message.contains("within 30 s"));
     EXPECT_EQ(Failure::Failed, Failure::fromCall(29999, 30000, "h", 1).code);
-    EXPECT_EQ(Failure::Failed, Failure::fromCall(3, 30000, "h", 1).code);
 }
 
 AccountState online(double balance, bool internet, bool fresh = false, int newCount = 0)
 {
     AccountState s;
-    s.online = true;
-    s.internetOn = internet;
-    s.balance = balance;
-    s.newMessages = fresh;
-    s.newCount = newCount;
+    s.online = true, s.internetOn = internet, s.balance = balance, s.newMessages = fresh, s.newCount = newCount;
     return s;
 }
 
