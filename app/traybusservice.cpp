@@ -33,6 +33,7 @@ bool TrayBusService::registerOnBus()
         return false;
     }
     published = snapshot();
+    publishedRefreshes = app->refreshCount();
     return true;
 }
 
@@ -92,6 +93,11 @@ void TrayBusService::publish()
             changed.insert(it.key(), it.value());
     }
     published = now;
+    // A completed refresh is news even within the second of the last one:
+    // who called Refresh() learns from it that the values are current.
+    if (app->refreshCount() != publishedRefreshes)
+        changed.insert(QStringLiteral("LastRefresh"), lastRefresh());
+    publishedRefreshes = app->refreshCount();
     if (changed.isEmpty())
         return;
     QDBusMessage signal = QDBusMessage::createSignal(QString::fromLatin1(objectPath),

@@ -58,6 +58,7 @@ private:
 
     ZEL5TrayApp* const app;
     QVariantMap published;
+    int publishedRefreshes = 0;
     bool publishQueued = false;
 };
 

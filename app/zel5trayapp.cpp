@@ -258,6 +258,7 @@ void ZEL5TrayApp::applyOutcome(TryToConnectThread::Outcome& outcome)
             displayUpdates(newMessages);
         if (outcome.statusRead && view.connected) {
             lastRefresh = QDateTime::currentSecsSinceEpoch();
+            ++refreshes;
             everKnown = true;
             history->record(lastRefresh, view.balance);
             watchBalance();

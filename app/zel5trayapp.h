@@ -60,6 +60,8 @@ public:
     const MiniClient::ServiceList& report() const { return reports; }
     bool newMessagesSignalled() const;
     qint64 lastRefreshTime() const { return lastRefresh; }
+    // Completed status reads so far: tells two refreshes within one second apart.
+    int refreshCount() const { return refreshes; }
     MessageCollector* store() const { return _messageCollector; }
     AccountOverview* accountOverview() const { return overview; }
 
@@ -168,6 +170,7 @@ private:
     bool loginRefusalTold = false;
     bool refreshPending = false;
     qint64 lastRefresh = 0;   // seconds since the epoch of the last status read
+    int refreshes = 0;
     bool everKnown = false;   // a status was ever read
     BalanceHistory* history = nullptr;
     AccountOverview* overview = nullptr;

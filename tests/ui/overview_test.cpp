@@ -6,7 +6,6 @@
 
 #include <QApplication>
 #include <QLabel>
-#include <QPainter>
 #include <QPointer>
 #include <QStyle>
 #include <QTemporaryDir>
@@ -24,9 +23,9 @@ long long mib(double n)
     return static_cast<long long>(n * MiB);
 }
 
-MiniClient::ServiceReport service(const std::string& name, std::vector<MiniClient::TClassReport> oldPrepaid,
-                                  std::vector<MiniClient::TClassReport> prepaid,
-                                  std::vector<MiniClient::TClassReport> downloaded)
+using Classes = std::vector<MiniClient::TClassReport>;
+
+MiniClient::ServiceReport service(const std::string& name, Classes oldPrepaid, Classes prepaid, Classes downloaded)
 {
     return {name, std::move(oldPrepaid), std::move(prepaid), std::move(downloaded)};
 }
@@ -42,20 +41,13 @@ QString rowsText(const TrafficChart& chart)
 QPalette darkPalette()
 {
     QPalette p;
-    p.setColor(QPalette::Window, QColor(45, 45, 48));
-    p.setColor(QPalette::WindowText, QColor(235, 235, 235));
-    p.setColor(QPalette::Base, QColor(30, 30, 32));
-    p.setColor(QPalette::AlternateBase, QColor(50, 50, 54));
-    p.setColor(QPalette::Text, QColor(235, 235, 235));
-    p.setColor(QPalette::Button, QColor(55, 55, 58));
-    p.setColor(QPalette::ButtonText, QColor(235, 235, 235));
-    p.setColor(QPalette::Highlight, QColor(61, 142, 230));
-    p.setColor(QPalette::HighlightedText, Qt::white);
-    p.setColor(QPalette::Light, QColor(80, 80, 84));
-    p.setColor(QPalette::Midlight, QColor(65, 65, 68));
-    p.setColor(QPalette::Mid, QColor(100, 100, 104));
-    p.setColor(QPalette::Dark, QColor(20, 20, 20));
-    p.setColor(QPalette::Shadow, Qt::black);
+    for (const auto& [role, rgb] :
+         {std::pair{QPalette::Window, 0x2d2d30}, {QPalette::WindowText, 0xebebeb}, {QPalette::Base, 0x1e1e20},
+          {QPalette::AlternateBase, 0x323236}, {QPalette::Text, 0xebebeb}, {QPalette::Button, 0x37373a},
+          {QPalette::ButtonText, 0xebebeb}, {QPalette::Highlight, 0x3d8ee6}, {QPalette::HighlightedText, 0xffffff},
+          {QPalette::Light, 0x505054}, {QPalette::Midlight, 0x414144}, {QPalette::Mid, 0x646468},
+          {QPalette::Dark, 0x141414}, {QPalette::Shadow, 0x000000}})
+        p.setColor(role, QColor::fromRgb(rgb));
     return p;
 }
 
@@ -63,14 +55,12 @@ QPalette darkPalette()
 int pixelsNear(const QImage& image, const QColor& color, int tolerance = 40)
 {
     int count = 0;
-    for (int y = 0; y < image.height(); ++y) {
+    for (int y = 0; y < image.height(); ++y)
         for (int x = 0; x < image.width(); ++x) {
             const QColor c = image.pixelColor(x, y);
-            if (std::abs(c.red() - color.red()) <= tolerance && std::abs(c.green() - color.green()) <= tolerance
-                && std::abs(c.blue() - color.blue()) <= tolerance)
-                ++count;
+            count += std::max({std::abs(c.red() - color.red()), std::abs(c.green() - color.green()),
+                               std::abs(c.blue() - color.blue())}) <= tolerance;
         }
-    }
     return count;
 }
 
@@ -98,16 +88,9 @@ protected:
     }
     AccountOverview::State state(bool online, bool known) const
     {
-        AccountOverview::State s;
-        s.online = online, s.known = known, s.internetOn = true, s.balance = 1234.5;
-        s.lastRefresh = QDateTime::fromSecsSinceEpoch(now);
-        s.reports = &reports, s.history = &history;
-        return s;
+        return {online, known, true, 1234.5, QDateTime::fromSecsSinceEpoch(now), 1048576.0, &reports, &history};
     }
-    QLabel* label(const AccountOverview& w, const char* name) const
-    {
-        return w.findChild<QLabel*>(QString::fromLatin1(name));
-    }
+    static QLabel* label(const AccountOverview& w, const char* name) { return w.findChild<QLabel*>(name); }
 
     QTemporaryDir dir;
     const qint64 now = QDateTime::currentSecsSinceEpoch();
@@ -125,8 +108,7 @@ TEST(TrafficChartTest, RowsAreTheClassesOfAllThreeListsInTheReportsUnit)
                             {{2, "World", mib(50)}, {3, "Night", mib(1.5)},
                              {2, "World", mib(1)}, {4, "Video", 0}}),
                     MiB);
-    // Old prepaid stays apart from prepaid; a class listed twice adds up; a
-    // name comes from whichever list has one.
+    // Old prepaid stays apart; a class listed twice adds up; a name comes from whichever list has one.
     EXPECT_EQ(rowsText(chart), "1 Local 0/10/2, 2 World 51/100/0, 4 Video 0/0.000488281/0, 3 Night 1.5/0/0");
     const int fourRows = chart.sizeHint().height();
 
@@ -137,9 +119,7 @@ TEST(TrafficChartTest, RowsAreTheClassesOfAllThreeListsInTheReportsUnit)
     EXPECT_TRUE(chart.rows().isEmpty());
 }
 
-// Odd histories still give a finished picture with the line in it: no
-// endless tick loop for values beyond double's precision or dates beyond
-// the calendar, no division by an empty range.
+// Odd histories (beyond double's precision or the calendar, an empty range) still draw the line.
 TEST(BalanceChartTest, AnyHistoryIsDrawn)
 {
     const QVector<QVector<BalanceHistory::Sample>> histories = {
@@ -163,9 +143,6 @@ TEST(BalanceChartTest, AnyHistoryIsDrawn)
 TEST_F(OverviewTest, TheTextsTellOnlineOfflineAndNeverKnownApart)
 {
     AccountOverview w;
-    EXPECT_EQ(w.objectName(), "AccountOverview");
-    EXPECT_EQ(w.windowTitle(), "Account");
-    EXPECT_TRUE(w.isWindow());
     const QString updated = "Updated " + QLocale().toString(QDateTime::fromSecsSinceEpoch(now), QLocale::ShortFormat);
 
     w.setState(state(true, true));
@@ -257,9 +234,6 @@ TEST_F(OverviewTest, ClosingOnlyHidesTheWindow)
 {
     QPointer<AccountOverview> w = new AccountOverview;
     w->setState(state(true, true));
-    const QSize size = w->size();
-    EXPECT_LE(size.width(), 520);
-    EXPECT_LE(size.height(), 600);
     for (int way = 0; way < 2; ++way) {
         w->show();
         ASSERT_TRUE(QTest::qWaitForWindowExposed(w, 5000));
@@ -275,8 +249,7 @@ TEST_F(OverviewTest, ClosingOnlyHidesTheWindow)
     delete w;
 }
 
-// Drawn at a device pixel ratio of 2 in a light and a dark style, the texts
-// stand out from the background in the style's own text colour.
+// At a device pixel ratio of 2 in a light and a dark style, texts and lines stand out in the style's colours.
 TEST_F(OverviewTest, TheChartsAreLegibleInLightAndDarkStyles)
 {
     reports = {service("Home internet", {{1, "Local", mib(300)}},

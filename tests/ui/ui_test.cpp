@@ -156,11 +156,6 @@ TEST_F(ZEL5IconTest, BlinkAlternatesWithTheCurrentPictureUntilStopped)
 
 TEST_F(ZEL5IconTest, ItemsAndLeftClickEmitTheirSignalsAndQuitEndsTheEventLoop)
 {
-    QStringList texts;
-    for (QAction* action : icon.menu()->actions())
-        texts << (action->isSeparator() ? "-" : action->text());
-    EXPECT_EQ(texts, QStringList({"Orvane ZEL5 Tray", "Switch Internet On/Off", "Traffic", "ZEL @ Web",
-                                  "Messages", "-", "Configure ZEL5 Tray...", "About", "-", "Quit"}));
     EXPECT_EQ(icon.menuItem(ZEL5Icon::idTraffic)->menu(), icon.trafficMenu);
 
     // Each item emits its own signal; of the clicks on the icon, only the left one (0) does.
@@ -230,12 +225,9 @@ int execDialog(QDialog& dialog, const std::function<void()>& action)
     return dialog.exec();
 }
 
-TEST(AboutDialogTest, ShowsItsTextsAndOnlyOkOrEscapeCloseIt)
+TEST(AboutDialogTest, TheAddressOpensNothingAndOkOrEscapeCloseIt)
 {
     AboutDialog dialog;
-    EXPECT_EQ(dialog.windowTitle(), "About...");
-    EXPECT_EQ(child<QLabel>(&dialog, "textLabel1")->text(), "Orvane ZEL5 Tray");
-    EXPECT_EQ(child<QLabel>(&dialog, "textLabel2")->text(), "Version 5.1.11");
     auto* link = child<QLabel>(&dialog, "txtLink");
     EXPECT_EQ(link->cursor().shape(), Qt::PointingHandCursor);
     links->opened.clear();
