@@ -68,20 +68,6 @@ int closedPort()
 
 using CliTest = CtlTest;
 
-TEST_F(CliTest, StatusShowsTheAccountAsTextAndJson)
-{
-    const CtlRun text = run({"status"});
-    ASSERT_EQ(0, text.code) << text.err;
-    EXPECT_EQ("Internet: on\nBalance: 42.50\nMessages: 2\n", text.out);
-    EXPECT_EQ("", text.err);
-    const CtlRun json = run({"status", "--json"});
-    ASSERT_EQ(0, json.code) << json.err;
-    const QJsonObject status = parsed(json.out).object();
-    for (const auto& [key, value] : {std::pair{"online", QJsonValue(true)}, {"internet", QJsonValue(true)},
-                                     {"balance", QJsonValue(42.5)}, {"messages", QJsonValue(2)}})
-        EXPECT_EQ(value, status.value(key)) << key;
-}
-
 TEST_F(CliTest, ReportPrintsTheTrafficSubmenusLinesAndJson)
 {
     const CtlRun text = run({"report"});
@@ -111,39 +97,39 @@ TEST_F(CliTest, ReportPrintsTheTrafficSubmenusLinesAndJson)
     EXPECT_EQ(text.out, reportLines(report, divisor).join('\n').toStdString() + "\n");
 }
 
-TEST_F(CliTest, MessagesListTheStoreAsTextAndJson)
+TEST_F(CliTest, StatusShowsTheAccountAndSwitchInternetFlipsIt)
 {
-    const CtlRun text = run({"messages"});
-    ASSERT_EQ(0, text.code) << text.err;
-    EXPECT_EQ(localDate(messageTimes[0]) + "  Maintenance\n"
-                  "Works & repairs on Saturday.\n"
-                  "\n"
-                  "Sorry!\n"
-                  "\n"
-                  + localDate(messageTimes[1]) + "  New tariffs\n"
-                  "- Home 100\n"
-                  "- Home 500\n",
-              text.out);
-
-    const CtlRun json = run({"messages", "--json"});
+    const CtlRun json = run({"status", "--json"});
     ASSERT_EQ(0, json.code) << json.err;
-    const QJsonArray list = parsed(json.out).array();
-    ASSERT_EQ(2, list.size());
-    EXPECT_EQ((QJsonObject{{"date", QString::fromStdString(localDate(messageTimes[0]))}, {"subject", "Maintenance"},
-                           {"text", "<p>Works &amp; repairs on <b>Saturday</b>.</p><p>Sorry!</p>"}}),
-              list.at(0).toObject());
-    EXPECT_EQ("New tariffs", list.at(1).toObject().value("subject").toString());
+    EXPECT_EQ("", json.err);
+    const QJsonObject status = parsed(json.out).object();
+    for (const auto& [key, value] : {std::pair{"online", QJsonValue(true)}, {"internet", QJsonValue(true)},
+                                     {"balance", QJsonValue(42.5)}, {"messages", QJsonValue(2)}})
+        EXPECT_EQ(value, status.value(key)) << key;
+    for (const char* expected : {"off", "on"}) {
+        SCOPED_TRACE(expected);
+        const CtlRun switched = run({"switch-internet"});
+        ASSERT_EQ(0, switched.code) << switched.err;
+        EXPECT_EQ(std::string("Internet: ") + expected + "\n", switched.out);
+        zel5sim::Account a;
+        ASSERT_TRUE(sim->getAccount(login, a));
+        EXPECT_EQ(std::string(expected) == "on", a.internetStatus == 1);
+        EXPECT_EQ(std::string("Internet: ") + expected + "\nBalance: 42.50\nMessages: 2\n", run({"status"}).out);
+    }
 }
 
-TEST_F(CliTest, MessagesFillTheStoreOnceAndMoveOnlyTheTimeStamp)
+TEST_F(CliTest, MessagesListTheStoreFilledOnceAndMoveOnlyTheTimeStamp)
 {
     const auto settingsText = [&] {
         QFile file(QString::fromStdString(settingsPath()));
         return file.open(QIODevice::ReadOnly) ? file.readAll().toStdString() : "(unreadable)";
     };
     const std::string before = settingsText();
-
-    ASSERT_EQ(0, run({"messages"}).code);
+    const CtlRun text = run({"messages"});
+    ASSERT_EQ(0, text.code) << text.err;
+    EXPECT_EQ(localDate(messageTimes[0]) + "  Maintenance\nWorks & repairs on Saturday.\n\nSorry!\n\n" +
+                  localDate(messageTimes[1]) + "  New tariffs\n- Home 100\n- Home 500\n",
+              text.out);
     std::vector<MessageCollector::ZELMessage> list = stored(storePath());
     ASSERT_EQ(2u, list.size());
     EXPECT_EQ("Maintenance", list[0].subject);
@@ -153,8 +139,15 @@ TEST_F(CliTest, MessagesFillTheStoreOnceAndMoveOnlyTheTimeStamp)
     // Nothing but the time stamp changed in the settings file.
     EXPECT_EQ(before, QByteArray::fromStdString(settingsText()).replace(QByteArray::number(messageTimes[1]), "0").toStdString());
 
-    // Asked again, the server has nothing new.
-    ASSERT_EQ(0, run({"messages"}).code);
+    // Asked again, the server has nothing new; the store as JSON.
+    const CtlRun json = run({"messages", "--json"});
+    ASSERT_EQ(0, json.code) << json.err;
+    const QJsonArray listed = parsed(json.out).array();
+    ASSERT_EQ(2, listed.size());
+    EXPECT_EQ((QJsonObject{{"date", QString::fromStdString(localDate(messageTimes[0]))}, {"subject", "Maintenance"},
+                           {"text", "<p>Works &amp; repairs on <b>Saturday</b>.</p><p>Sorry!</p>"}}),
+              listed.at(0).toObject());
+    EXPECT_EQ("New tariffs", listed.at(1).toObject().value("subject").toString());
     EXPECT_EQ(2u, stored(storePath()).size());
     EXPECT_GE(lastMessageCheck(), messageTimes[1]);
 
@@ -166,27 +159,11 @@ TEST_F(CliTest, MessagesFillTheStoreOnceAndMoveOnlyTheTimeStamp)
     // A new one is added after the others.
     const std::int32_t newest = static_cast<std::int32_t>(std::time(nullptr)) + 60;
     ASSERT_TRUE(sim->withAccount(login, [&](zel5sim::Account& a) { a.messages.push_back({newest, "Later", "<p>x</p>"}); }));
-    const CtlRun third = run({"status"});
-    EXPECT_EQ("Internet: on\nBalance: 42.50\nMessages: 3\n", third.out);
+    EXPECT_EQ("Internet: on\nBalance: 42.50\nMessages: 3\n", run({"status"}).out);
     list = stored(storePath());
     ASSERT_EQ(3u, list.size());
     EXPECT_EQ("Later", list[2].subject);
     EXPECT_EQ(newest, lastMessageCheck());
-}
-
-TEST_F(CliTest, SwitchInternetPrintsTheNewStateThatStatusThenShows)
-{
-    for (const char* expected : {"off", "on"}) {
-        SCOPED_TRACE(expected);
-        const CtlRun switched = run({"switch-internet"});
-        ASSERT_EQ(0, switched.code) << switched.err;
-        EXPECT_EQ(std::string("Internet: ") + expected + "\n", switched.out);
-        zel5sim::Account a;
-        ASSERT_TRUE(sim->getAccount(login, a));
-        EXPECT_EQ(std::string(expected) == "on", a.internetStatus == 1);
-        const CtlRun status = run({"status"});
-        EXPECT_EQ(std::string("Internet: ") + expected + "\nBalance: 42.50\nMessages: 2\n", status.out);
-    }
 }
 
 TEST_F(CliTest, FailuresEndWithTheirCodeAndOneLine)
