@@ -1,7 +1,10 @@
 #include "artwork.h"
 
 #include <QGuiApplication>
+#include <QImage>
+#include <QPainter>
 #include <QSize>
+#include <QSvgRenderer>
 
 // The pictures live in a static library: registering them by hand keeps the
 // linker from dropping them from the program.
@@ -44,6 +47,20 @@ QPixmap Artwork::pixmap(const QIcon& icon, const QSize& size, qreal dpr)
     // so that everything drawn over the picture lands where it is meant to.
     if (!pm.isNull() && pm.size() != deviceSize)
         pm = pm.scaled(deviceSize, Qt::IgnoreAspectRatio, Qt::SmoothTransformation);
+    pm.setDevicePixelRatio(dpr);
+    return pm;
+}
+
+QPixmap Artwork::ownPixmap(const QString& name, const QSize& size, qreal dpr)
+{
+    ensureRegistered();
+    QSvgRenderer drawing(resourcePath(name));
+    QImage image(size * dpr, QImage::Format_ARGB32_Premultiplied);
+    image.fill(Qt::transparent);
+    QPainter painter(&image);
+    drawing.render(&painter);
+    painter.end();
+    QPixmap pm = QPixmap::fromImage(image);
     pm.setDevicePixelRatio(dpr);
     return pm;
 }

@@ -19,6 +19,10 @@ public:
     // The icon rendered at exactly size (logical pixels) for a screen of the
     // given device pixel ratio, so that it stays sharp on high-DPI screens.
     static QPixmap pixmap(const QIcon& icon, const QSize& size, qreal dpr);
+    // One of the program's own drawings rendered at exactly size, straight
+    // from the drawing: neither the icon theme nor the icon plugins are
+    // consulted, which is what the tray's first picture must not wait for.
+    static QPixmap ownPixmap(const QString& name, const QSize& size, qreal dpr);
     // The highest device pixel ratio among the screens (1 without any).
     static qreal screenRatio();
 };

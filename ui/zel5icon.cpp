@@ -68,12 +68,24 @@ ZEL5Icon::~ZEL5Icon()
 
 void ZEL5Icon::init()
 {
+    showFirstPicture();
     buildPixmaps();
     buildMenu();
-    setOnlineStatus(false);
+    setOnlineStatus(false); // the offline picture as built from the theme
     setMessagesStatus(false);
-    show();
     notify = false;
+}
+
+void ZEL5Icon::showFirstPicture()
+{
+    // Reading the icon theme's index and loading the icon plugins take the
+    // longest part of a start, and the tray host docks the icon as soon as it
+    // is shown: the first picture is the program's own drawing, and the
+    // theme's, if it has one, replaces it a moment later.
+    const QSize size(TrayIconSize, TrayIconSize);
+    pixmaps[OfflinePixmap] = Artwork::ownPixmap(QStringLiteral("zel5_tray"), size, Artwork::screenRatio());
+    setPixmap(OfflinePixmap, true);
+    show();
 }
 
 void ZEL5Icon::buildPixmaps()

@@ -37,6 +37,8 @@ public:
     ZEL5Icon();
     ~ZEL5Icon() override;
 
+    // Shows the icon with its first picture, then builds the pictures and the
+    // menu; the tray host docks the icon while the rest is built.
     void init();
     void buildPixmaps();
     void buildMenu();
@@ -88,6 +90,7 @@ protected:
     bool eventFilter(QObject* watched, QEvent* event) override;
 
 private:
+    void showFirstPicture();
     void retranslate();
     void onActivated(QSystemTrayIcon::ActivationReason reason);
 
