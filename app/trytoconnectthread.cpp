@@ -1,5 +1,7 @@
 #include "trytoconnectthread.h"
 
+#include "rpcctx.h"
+
 #include <QCoreApplication>
 
 #include <chrono>
@@ -107,6 +109,8 @@ void TryToConnectThread::run()
         done.push_back(std::move(outcome));
         QCoreApplication::postEvent(receiver, new QEvent(connectedNow ? ConnectedEvent : ExchangeEvent));
     }
+    // Nothing of the TLS library's per-thread state may outlive the thread.
+    ZEL::RPCCtx::thread_end();
     // Whoever stops the thread may take the client back from here on.
     finished = true;
     wake.notify_all();

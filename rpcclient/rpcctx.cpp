@@ -6,6 +6,7 @@
 #include <openssl/err.h>
 #include <openssl/evp.h>
 #include <openssl/param_build.h>
+#include <openssl/crypto.h>
 #include <openssl/ssl.h>
 
 namespace ZEL {
@@ -182,6 +183,11 @@ SSL_CTX* RPCCtx::new_server_rsa_ctx(int type)
     SSL_CTX_check_private_key(ctx);
     ERR_print_errors_fp(stderr);
     return ctx;
+}
+
+void RPCCtx::thread_end()
+{
+    OPENSSL_thread_stop();
 }
 
 } // namespace ZEL

@@ -24,6 +24,11 @@ public:
     static void ssl_ctx_server_ssl3_null_init();
     static void ssl_ctx_server_ssl3_init();
 
+    // Frees the TLS library's state of the calling thread (its error queue).
+    // A thread that used the library calls it before it ends: the library's
+    // own clean-up at thread exit may come after the process has moved on.
+    static void thread_end();
+
     static SSL_CTX* tls1() { return ctx_tls1; }
     static SSL_CTX* ssl3() { return ctx_ssl3; }
 

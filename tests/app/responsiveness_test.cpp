@@ -56,6 +56,15 @@ std::size_t storedCount(const std::string& file)
     return MessageCollector(&finder).count();
 }
 
+// How late the interface may be. ThreadSanitizer's own work runs on that
+// thread too (it reads debug information when it meets Qt's internals), so
+// there only a blocking wait, seconds long, would show.
+#if defined(__SANITIZE_THREAD__)
+constexpr qint64 interfaceBoundMs = 1500;
+#else
+constexpr qint64 interfaceBoundMs = 50;
+#endif
+
 qint64 worstLatenessSeen = 0;
 qint64 worstMenuMsSeen = 0;
 
@@ -141,13 +150,13 @@ TEST_F(ResponsivenessTest, EveryFaultEndsTheSessionInItsBoundWhileTheInterfaceRu
             }
         }
         // The menu opens at once while the exchange hangs.
-        EXPECT_LT(timedMenu(), 50);
+        EXPECT_LT(timedMenu(), interfaceBoundMs);
         ASSERT_TRUE(app->settle(5000)) << "the faulty exchange to end";
         EXPECT_LT(clock.elapsed(), 3000);
         EXPECT_FALSE(connected());
         EXPECT_FALSE(icon()->online);
         EXPECT_EQ(ZEL5Icon::OfflinePixmap, icon()->currentPixmap);
-        EXPECT_LT(probe.worst, 50);
+        EXPECT_LT(probe.worst, interfaceBoundMs);
         worstLatenessSeen = std::max(worstLatenessSeen, probe.worst);
     }
     // For the record of what the interface thread went through.
