@@ -35,9 +35,43 @@ int be32_value(int value)
     return out;
 }
 
+// Walks over the whole data attributes from p on: where they end (the end,
+// an attribute that does not fit, or a control attribute). A loop of its
+// own, without calls, so that the compiler keeps it all in registers.
+const char* data_run(const char* p, const char* end, std::size_t& values)
+{
+    std::size_t n = 0;
+    for (std::ptrdiff_t left; (left = end - p) >= 4;) {
+        const unsigned size = (unsigned(static_cast<unsigned char>(p[2])) << 8) | static_cast<unsigned char>(p[3]);
+        // Below the head's own 4 bytes (wrapping round) or past the end.
+        if (size - 4 > static_cast<unsigned>(left) - 4 || static_cast<unsigned char>(p[0]) != ra_data)
+            break;
+        ++n;
+        // Most values are 32- or 64-bit numbers: stepping over one by a
+        // constant lets the processor go on to the next attribute while this
+        // one's size is still being read, instead of waiting for it. The
+        // empty asm keeps the compiler from merging the steps into a
+        // conditional move, which would wait for the size again.
+        if (size == 8) {
+            p += 8;
+        } else if (size == 12) {
+            p += 12;
+            asm("" : "+r"(p));
+        } else {
+            p += size;
+        }
+    }
+    values += n;
+    return p;
+}
+
 } // namespace
 
-RPC2Packet::RPC2Packet() : view(nullptr), view_len(0), cursor(0), total(4), hdr{0, 0, 0}, fragmented(false), header_sent(false) {}
+RPC2Packet::RPC2Packet()
+    : view(nullptr), view_len(0), from_wire(false), cursor(nullptr), unread(0), total(4), hdr{0, 0, 0}, fragmented(false),
+      header_sent(false)
+{
+}
 
 RPC2Packet::~RPC2Packet()
 {
@@ -71,80 +105,75 @@ RPC2Packet::__rpc2_attr* RPC2Packet::fill_r2a(int code, int value) const
     return fill_r2a(code, reinterpret_cast<const char*>(&value), 4);
 }
 
-const RPC2Packet::Slot* RPC2Packet::control(int code) const
+const RPC2Packet::Control* RPC2Packet::control(int code) const
 {
-    for (const Slot& s : controls)
-        if (s.code == static_cast<ui8>(code))
-            return &s;
+    for (const Control& c : controls)
+        if (c.code == static_cast<ui8>(code))
+            return &c;
     return nullptr;
 }
 
-// Throws bad_alloc.
-bool RPC2Packet::file(const Slot& s)
-{
-    if (s.code != ra_data) {
-        const int r = file_control(s);
-        if (r < 0)
-            throw std::bad_alloc();
-        return r > 0;
-    }
-    datas.push_back(s);
-    total += s.size;
-    return true;
-}
-
-// Out of line: rare beside data values, and kept out of the parser's loop.
-[[gnu::noinline]] int RPC2Packet::file_control(Slot s) noexcept
+int RPC2Packet::file_control(int code, const char* payload, int len) noexcept
 {
     // Kept in code order, as they are written; the first of a code wins.
     auto at = controls.begin();
-    while (at != controls.end() && at->code < s.code)
+    while (at != controls.end() && at->code < static_cast<ui8>(code))
         ++at;
-    if (at != controls.end() && at->code == s.code)
+    if (at != controls.end() && at->code == static_cast<ui8>(code))
         return 0;
+    const Control c{controls_bytes.size(), static_cast<ui16>(len + 4), static_cast<ui8>(code)};
     try {
-        controls.insert(at, s);
+        controls_bytes.insert(controls_bytes.end(), payload, payload + len);
+        controls.insert(at, c);
     } catch (const std::bad_alloc&) {
+        controls_bytes.resize(c.off);
         return -1;
     }
-    total += s.size;
+    total += c.size;
     return 1;
 }
 
-// Throws int 22 for a length no attribute can have, 12 out of memory.
+// Throws int 22 for a length no attribute can have, bad_alloc.
 void RPC2Packet::add_data(const char* data, int len)
 {
     if (len < 0 || len > rpc2_max_packet - 4)
         throw int(ec_inval);
     own();
-    const Slot s{static_cast<ui32>(bytes.size()), static_cast<ui16>(len + 4), static_cast<ui8>(ra_data)};
-    // Building does not move the read cursor: a value put behind the last
-    // unread one is never read; only parsing adds readable values.
-    const bool at_end = cursor == datas.size();
+    const int size = len + 4;
+    const char head[4] = {static_cast<char>(ra_data), 0, static_cast<char>(size >> 8), static_cast<char>(size & 0xFF)};
+    const std::size_t at = cursor_offset();
+    bytes.reserve(bytes.size() + static_cast<std::size_t>(size));
+    cursor_at(at);
+    bytes.insert(bytes.end(), head, head + 4);
     bytes.insert(bytes.end(), data, data + len);
-    file(s);
-    if (at_end)
-        cursor = datas.size();
-}
-
-void RPC2Packet::add_control(int code, const char* data, int len)
-{
-    if (control(code) || len < 0 || len > rpc2_max_packet - 4)
-        throw int(ec_inval);
-    own();
-    const Slot s{static_cast<ui32>(bytes.size()), static_cast<ui16>(len + 4), static_cast<ui8>(code)};
-    bytes.insert(bytes.end(), data, data + len);
-    file(s);
+    total += size;
+    // Building does not move the read cursor: a value put after everything
+    // was read is never read; only parsing adds readable values.
+    if (unread)
+        ++unread;
 }
 
 void RPC2Packet::store(__rpc2_attr* a)
 {
     std::unique_ptr<__rpc2_attr> owned(a);
+    const char* payload = reinterpret_cast<const char*>(a->vbase.data());
+    const int len = static_cast<int>(a->vbase.size());
+    if (a->code != ra_data) {
+        if (file_control(a->code, payload, len) < 0)
+            throw int(ec_nomem);
+        return;
+    }
     try {
         own();
-        const Slot s{static_cast<ui32>(bytes.size()), a->size, a->code};
-        bytes.insert(bytes.end(), a->vbase.begin(), a->vbase.end());
-        file(s);
+        const std::size_t at = bytes.size();
+        const bool was_read = unread == 0;
+        add_data(payload, len);
+        // Parsed values are readable: the cursor moves onto this one when
+        // everything before it was read.
+        if (was_read) {
+            unread = 1;
+            cursor_at(at);
+        }
     } catch (const std::bad_alloc&) {
         throw int(ec_nomem);
     }
@@ -152,11 +181,10 @@ void RPC2Packet::store(__rpc2_attr* a)
 
 void RPC2Packet::put_attr(int code, const char* data, int len)
 {
-    try {
-        add_control(code, data, len);
-    } catch (const std::bad_alloc&) {
+    if (control(code) || len < 0 || len > rpc2_max_packet - 4)
+        throw int(ec_inval);
+    if (file_control(code, data, len) < 0)
         throw int(ec_nomem);
-    }
 }
 
 void RPC2Packet::put_attr(int code, int value)
@@ -233,33 +261,39 @@ bool RPC2Packet::fragment() const
 
 // ---- querying -------------------------------------------------------------
 
+void RPC2Packet::seek_data()
+{
+    while (static_cast<unsigned char>(*cursor) != ra_data)
+        cursor += attr_size(cursor);
+}
+
 bool RPC2Packet::find(int code) const
 {
     if (code == ra_data)
-        return cursor != datas.size();
+        return unread != 0;
     return control(code) != nullptr;
 }
 
 int RPC2Packet::get_data(int& value)
 {
-    const Slot* s = next_data();
-    if (!s)
+    const char* a = next_data();
+    if (!a)
         return ec_noent;
-    if (s->size != 8)
+    if (attr_size(a) != 8)
         return ec_inval;
-    std::memcpy(&value, payload(*s), 4);
-    skip_data();
+    std::memcpy(&value, a + 4, 4);
+    skip_data(a);
     return ec_ok;
 }
 
 int RPC2Packet::get_attr(int code, int& value) const
 {
-    const Slot* s = control(code);
-    if (!s)
+    const Control* c = control(code);
+    if (!c)
         return ec_noent;
-    if (s->size != 8)
+    if (c->size != 8)
         return ec_inval;
-    value = static_cast<int>(get_be32(reinterpret_cast<const unsigned char*>(base() + s->off)));
+    value = static_cast<int>(get_be32(reinterpret_cast<const unsigned char*>(controls_bytes.data() + c->off)));
     return ec_ok;
 }
 
@@ -270,30 +304,30 @@ int RPC2Packet::get(int code, int& value)
 
 int RPC2Packet::get_data(char* buf, int& len)
 {
-    const Slot* s = next_data();
-    if (!s)
+    const char* a = next_data();
+    if (!a)
         return ec_noent;
     const int cap = len;
-    len = s->size - 4;
+    len = attr_size(a) - 4;
     if (!buf || len > cap)
         return ec_inval;
     if (len)
-        std::memcpy(buf, payload(*s), len);
-    skip_data();
+        std::memcpy(buf, a + 4, len);
+    skip_data(a);
     return ec_ok;
 }
 
 int RPC2Packet::get_attr(int code, char* buf, int& len) const
 {
-    const Slot* s = control(code);
-    if (!s)
+    const Control* c = control(code);
+    if (!c)
         return ec_noent;
     const int cap = len;
-    len = s->size - 4;
+    len = c->size - 4;
     if (!buf || len > cap)
         return ec_inval;
     if (len)
-        std::memcpy(buf, base() + s->off, len);
+        std::memcpy(buf, controls_bytes.data() + c->off, len);
     return ec_ok;
 }
 
@@ -313,9 +347,11 @@ void RPC2Packet::clear()
     bytes.clear();
     view = nullptr;
     view_len = 0;
+    controls_bytes.clear();
     controls.clear();
-    datas.clear();
-    cursor = 0;
+    from_wire = false;
+    cursor = nullptr;
+    unread = 0;
     total = 4;
     drop_views();
     hdr = rpc2_header{0, 0, 0};
@@ -340,9 +376,9 @@ const std::map<ui8, RPC2Packet::__rpc2_attr*>& RPC2Packet::control_attrs() const
     for (auto& kv : attr_view)
         delete kv.second;
     attr_view.clear();
-    for (const Slot& s : controls) {
-        std::unique_ptr<__rpc2_attr> a(fill_r2a(s.code, base() + s.off, s.size - 4));
-        attr_view.emplace(s.code, a.get());
+    for (const Control& c : controls) {
+        std::unique_ptr<__rpc2_attr> a(fill_r2a(c.code, controls_bytes.data() + c.off, c.size - 4));
+        attr_view.emplace(c.code, a.get());
         a.release();
     }
     return attr_view;
@@ -353,8 +389,11 @@ const std::list<RPC2Packet::__rpc2_ptr>& RPC2Packet::data_attrs() const
     for (auto& p : data_view)
         delete p.base;
     data_view.clear();
-    for (const Slot& s : datas) {
-        std::unique_ptr<__rpc2_attr> a(fill_r2a(s.code, base() + s.off, s.size - 4));
+    const char* r = region();
+    for (std::size_t at = 0; at < region_size(); at += attr_size(r + at)) {
+        if (static_cast<unsigned char>(r[at]) != ra_data)
+            continue;
+        std::unique_ptr<__rpc2_attr> a(fill_r2a(ra_data, r + at + 4, attr_size(r + at) - 4));
         data_view.push_back(__rpc2_ptr{a.get()});
         a.release();
     }
@@ -382,16 +421,6 @@ int RPC2Packet::dump_attr(char* buf, const __rpc2_attr* a) const
     return a->size;
 }
 
-int RPC2Packet::dump_slot(char* buf, const Slot& s) const
-{
-    buf[0] = static_cast<char>(s.code);
-    buf[1] = 0;
-    put_be16(buf + 2, s.size);
-    if (s.size > 4)
-        std::memcpy(buf + 4, base() + s.off, s.size - 4);
-    return s.size;
-}
-
 int RPC2Packet::dump(char* buf, int cap) const
 {
     const int n = packet_size();
@@ -402,10 +431,31 @@ int RPC2Packet::dump(char* buf, int cap) const
     char* p = buf;
     if (hdr.code != 0)
         p += dump_header(p);
-    for (const Slot& s : controls)
-        p += dump_slot(p, s);
-    for (const Slot& s : datas)
-        p += dump_slot(p, s);
+    for (const Control& c : controls) {
+        p[0] = static_cast<char>(c.code);
+        p[1] = 0;
+        put_be16(p + 2, c.size);
+        if (c.size > 4)
+            std::memcpy(p + 4, controls_bytes.data() + c.off, c.size - 4);
+        p += c.size;
+    }
+    // The data attributes as they are held, in one piece unless they came
+    // from the wire: then control attributes among them are left out and
+    // reserved bytes written as 0.
+    const char* r = region();
+    if (!from_wire) {
+        if (region_size())
+            std::memcpy(p, r, region_size());
+        return n;
+    }
+    for (std::size_t at = 0; at < region_size(); at += attr_size(r + at)) {
+        if (static_cast<unsigned char>(r[at]) != ra_data)
+            continue;
+        const int size = attr_size(r + at);
+        std::memcpy(p, r + at, size);
+        p[1] = 0;
+        p += size;
+    }
     return n;
 }
 
@@ -431,70 +481,66 @@ RPC2Packet::__rpc2_attr* RPC2Packet::parse_attr(const unsigned char* p, int len)
     return fill_r2a(p[0], reinterpret_cast<const char*>(p + 4), size - 4);
 }
 
-int RPC2Packet::index(const unsigned char* u, int len, std::size_t at)
+int RPC2Packet::scan(const char* u, int len, std::size_t at)
 {
     // Whole attributes up to the first that does not fit, each checked
     // against what is left of the region: a region over the limit yields
     // none.
     if (len > rpc2_max_attr_region)
         return 0;
-    // Room for a data value in every 4 bytes, the most the region can hold,
-    // so that filing one is a store; cut back to what was found.
-    const std::size_t first = datas.size();
-    try {
-        datas.resize(first + static_cast<std::size_t>(len) / 4);
-    } catch (const std::bad_alloc&) {
-        return 0;
-    }
-    Slot* out = datas.data() + first;
-    const unsigned char* p = u;
-    const unsigned char* const end = u + len;
-    int filed = 0;
-    while (end - p >= 4) {
-        const unsigned size = (unsigned(p[2]) << 8) | p[3];
-        // Below the head's own 4 bytes (wrapping round) or past the end.
-        if (size - 4 > static_cast<unsigned>(end - p) - 4)
+    const char* p = u;
+    const char* const end = u + len;
+    std::size_t values = 0;
+    int controls_seen = 0; // bytes of control attributes, filed or not
+    for (;;) {
+        p = data_run(p, end, values);
+        // The end, an attribute that does not fit, or a control attribute.
+        const std::ptrdiff_t left = end - p;
+        if (left < 4)
             break;
-        const Slot s{static_cast<ui32>(at + (p - u) + 4), static_cast<ui16>(size), p[0]};
-        if (s.code != ra_data) {
-            if (file_control(s) < 0)
-                break; // out of memory ends the packet here, like a bad attribute
-            p += size;
-            continue;
-        }
-        *out++ = s;
-        filed += static_cast<int>(size);
-        // Most values are 32- or 64-bit numbers: stepping over one by a
-        // constant lets the processor go on to the next attribute while this
-        // one's size is still being read, instead of waiting for it.
-        if (size == 8)
-            p += 8;
-        else if (size == 12)
-            p += 12;
-        else
-            p += size;
+        const unsigned size = static_cast<unsigned>(attr_size(p));
+        if (size - 4 > static_cast<unsigned>(left) - 4)
+            break;
+        if (file_control(static_cast<unsigned char>(p[0]), p + 4, static_cast<int>(size) - 4) < 0)
+            break; // out of memory ends the packet here, like a bad attribute
+        controls_seen += static_cast<int>(size);
+        p += size;
     }
-    datas.resize(static_cast<std::size_t>(out - datas.data()));
-    total += filed;
-    return static_cast<int>(p - u);
+    const int used = static_cast<int>(p - u);
+    total += used - controls_seen;
+    if (used)
+        from_wire = true;
+    if (values) {
+        // Parsed values are readable: the cursor moves onto the first when
+        // everything before them was read. The region must already have
+        // room for these bytes where they go.
+        if (!unread)
+            cursor = region() + at;
+        unread += values;
+    }
+    return used;
 }
 
 int RPC2Packet::parse_attr(const char* p, int len)
 {
-    // Copied in one piece behind what the packet holds, then cut back to
-    // what was filed.
-    if (len < 4 || len > rpc2_max_attr_region)
+    // Checked where it lies, then what holds whole attributes is copied
+    // behind what the packet holds.
+    if (len < 4)
         return 0;
     std::size_t at = 0;
     try {
         own();
         at = bytes.size();
-        bytes.insert(bytes.end(), p, p + len);
+        const std::size_t read_at = cursor_offset();
+        bytes.reserve(at + static_cast<std::size_t>(len));
+        cursor_at(read_at);
     } catch (const std::bad_alloc&) {
         return 0;
     }
-    const int used = index(reinterpret_cast<const unsigned char*>(p), len, at);
-    bytes.resize(at + used);
+    const int used = scan(p, len, at);
+    bytes.insert(bytes.end(), p, p + used); // fits the reserve: no throw
+    if (unread)
+        seek_data();
     return used;
 }
 
@@ -525,17 +571,21 @@ int RPC2Packet::parse_in_place(const char* buf, int len)
     parse_header(buf, len);
     if (hdr.size < 4 || hdr.size > len)
         return ec_badmsg;
-    view = buf;
-    view_len = hdr.size;
-    return 4 + index(reinterpret_cast<const unsigned char*>(buf + 4), hdr.size - 4, 4);
+    view = buf + 4;
+    view_len = scan(view, hdr.size - 4, 0);
+    if (unread)
+        seek_data();
+    return 4 + view_len;
 }
 
 void RPC2Packet::own()
 {
     if (!view)
         return;
+    const std::size_t at = cursor_offset();
     bytes.assign(view, view + view_len);
     view = nullptr;
+    cursor_at(at);
 }
 
 void RPC2Packet::detach()

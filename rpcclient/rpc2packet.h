@@ -2,10 +2,13 @@
 // code, data attributes held in order with a read cursor. Turns memory into
 // packets and back; the direct socket helpers are thin wrappers over that.
 //
-// All payloads live in one byte buffer that clear() empties but keeps, so a
-// packet that is reused (the stream's, the session's) allocates nothing once
-// it has seen its largest contents; the attributes are small slots pointing
-// into that buffer. The stream's input packet is parsed where it was
+// Data attributes stay as they are on the wire, heads included, one after
+// the other in a byte region; reading one walks on to the next. Parsing a
+// packet therefore only checks that its attributes fill it and files the
+// few control attributes, whose payloads are kept apart by code. The region
+// is a buffer that clear() empties but keeps, so a packet that is reused
+// (the stream's, the session's) allocates nothing once it has seen its
+// largest contents. The stream's input packet is parsed where it was
 // received instead, in the stream's buffer, and copies its bytes over only
 // when that buffer is about to be used again while it still holds them.
 #ifndef ZEL_RPC2PACKET_H
@@ -15,32 +18,9 @@
 
 #include <list>
 #include <map>
-#include <memory>
-#include <new>
-#include <utility>
 #include <vector>
 
 namespace ZEL {
-
-namespace detail {
-
-// An allocator whose resize() leaves new elements of a trivial type
-// uninitialised: the parser makes room for as many attributes as a region
-// could hold and writes only those it finds.
-template <class T> struct uninit_allocator : std::allocator<T> {
-    template <class U> struct rebind {
-        using other = uninit_allocator<U>;
-    };
-    uninit_allocator() = default;
-    template <class U> uninit_allocator(const uninit_allocator<U>&) noexcept {}
-    template <class U> void construct(U* p) noexcept { ::new (static_cast<void*>(p)) U; }
-    template <class U, class... A> void construct(U* p, A&&... a)
-    {
-        ::new (static_cast<void*>(p)) U(std::forward<A>(a)...);
-    }
-};
-
-} // namespace detail
 
 class RPC2Packet {
 public:
@@ -113,21 +93,40 @@ public:
     const std::list<__rpc2_ptr>& data_attrs() const;
 
 private:
-    // The stream reads data values straight from the buffer.
+    // The stream reads data values straight from the region.
     friend class RPC2Stream;
 
-    // One attribute: its payload at base()[off], size - 4 bytes long.
-    struct Slot {
-        ui32 off;
+    // A control attribute: its payload at controls_bytes[off].
+    struct Control {
+        std::size_t off;
         ui16 size; // as on the wire, the 4-byte head included
-        ui16 code; // a byte, held wider: stores of bytes may alias anything,
-                   // which would keep the parser's state out of registers
+        ui8 code;
     };
 
-    // The data value under the read cursor, or null.
-    const Slot* next_data() const { return cursor < datas.size() ? &datas[cursor] : nullptr; }
-    const char* payload(const Slot& s) const { return base() + s.off; }
-    void skip_data() { ++cursor; }
+    // The region: data attributes (and, when parsed, the control attributes
+    // among them) as on the wire.
+    const char* region() const { return view ? view : bytes.data(); }
+    std::size_t region_size() const { return view ? static_cast<std::size_t>(view_len) : bytes.size(); }
+    static int attr_size(const char* a)
+    {
+        return (static_cast<unsigned char>(a[2]) << 8) | static_cast<unsigned char>(a[3]);
+    }
+
+    // The head of the data attribute under the read cursor, or null.
+    const char* next_data() const { return unread ? cursor : nullptr; }
+    // Moves the cursor past the data attribute a it returned.
+    void skip_data(const char* a)
+    {
+        cursor = a + attr_size(a);
+        if (--unread && static_cast<unsigned char>(*cursor) != ra_data)
+            seek_data();
+    }
+    // Moves the cursor over control attributes to the next data attribute.
+    void seek_data();
+    // Where in the region the cursor is, to find it again once the region
+    // has moved (own(), growth).
+    std::size_t cursor_offset() const { return unread ? static_cast<std::size_t>(cursor - region()) : 0; }
+    void cursor_at(std::size_t off) { cursor = unread ? region() + off : nullptr; }
 
     // Like parse(), but the packet keeps pointing into buf, which must stay
     // unchanged until detach() or clear().
@@ -135,33 +134,30 @@ private:
     // Takes over the bytes of a packet parsed in place (or, out of memory,
     // drops them), so that their buffer may be reused.
     void detach();
-    // The bytes the slots point into.
-    const char* base() const { return view ? view : bytes.data(); }
-    // Before the packet changes: its bytes become its own. Throws bad_alloc.
+    // Before the packet changes: the region becomes its own. Throws bad_alloc.
     void own();
-    // Files the attributes of a region at u whose bytes are (or will be) at
-    // offset at of base(); the count of bytes filed.
-    int index(const unsigned char* u, int len, std::size_t at);
+    // Checks the attributes of a region of len bytes at u, which lies (or
+    // will lie) at offset at of the region, and files them: the count of
+    // bytes that hold whole attributes.
+    int scan(const char* u, int len, std::size_t at);
 
-    const Slot* control(int code) const;
-    // Files a slot whose payload is already in bytes: a data value at the
-    // end of the list, a control attribute unless its code is taken (false).
-    bool file(const Slot& s);
-    // 1 filed, 0 its code taken, -1 out of memory.
-    int file_control(Slot s) noexcept;
+    const Control* control(int code) const;
+    // A control attribute unless its code is taken: 1 filed, 0 taken, -1
+    // out of memory.
+    int file_control(int code, const char* payload, int len) noexcept;
     void add_data(const char* data, int len);
-    void add_control(int code, const char* data, int len);
     void store(__rpc2_attr* a);
     void drop_views() const;
-    int dump_slot(char* buf, const Slot& s) const;
 
-    std::vector<char> bytes;
-    const char* view;           // the bytes parsed in place, or null
+    std::vector<char> bytes;   // the region when the packet holds it
+    const char* view;          // the region parsed in place, or null
     int view_len;
-    std::vector<Slot> controls; // ordered by code, one per code
-    std::vector<Slot, detail::uninit_allocator<Slot>> datas; // in arrival order
-    std::size_t cursor;         // next data value to read; datas.size() when none
-    int total;                  // packet_size(): 4 plus every attribute's size
+    std::vector<char> controls_bytes;
+    std::vector<Control> controls; // ordered by code, one per code
+    bool from_wire;            // the region holds parsed attributes, controls among them
+    const char* cursor;        // the next unread data attribute, while there is one
+    std::size_t unread;        // data attributes not yet read
+    int total;                 // packet_size(): 4 plus every attribute's size
     rpc2_header hdr;
     bool fragmented;
     bool header_sent;

@@ -284,134 +284,59 @@ int RPC2Stream::refill()
     return ec_ok;
 }
 
-// Inlined into the typed reads: a value already in the packet costs no call.
-inline const RPC2Packet::Slot* RPC2Stream::next_value(int& r)
-{
-    if (const RPC2Packet::Slot* s = rp_in.next_data())
-        return s;
-    return next_packet_value(r);
-}
-
-[[gnu::noinline]] const RPC2Packet::Slot* RPC2Stream::next_packet_value(int& r)
+const char* RPC2Stream::next_packet_value(int& r)
 {
     r = refill();
     if (r != ec_ok)
         return nullptr;
-    const RPC2Packet::Slot* s = rp_in.next_data();
-    if (!s)
+    const char* a = rp_in.next_data();
+    if (!a)
         r = ec_noent;
-    return s;
+    return a;
 }
 
-int RPC2Stream::get32(ui32& raw)
+int RPC2Stream::get64_short(ui64& raw, const char* a)
 {
-    int r;
-    const RPC2Packet::Slot* s = next_value(r);
-    if (!s)
-        return r;
-    if (s->size != 8)
+    const int len = RPC2Packet::attr_size(a) - 4;
+    if (len > 8)
         return ec_inval;
-    raw = get_be32(reinterpret_cast<const unsigned char*>(rp_in.payload(*s)));
-    rp_in.skip_data();
+    // A payload shorter than 8 bytes is accepted; the missing low-order
+    // bytes read as zero.
+    unsigned char b[8] = {0, 0, 0, 0, 0, 0, 0, 0};
+    std::memcpy(b, a + 4, static_cast<std::size_t>(len));
+    raw = (ui64(get_be32(b)) << 32) | get_be32(b + 4);
+    rp_in.skip_data(a);
     return ec_ok;
-}
-
-int RPC2Stream::get64(ui64& raw)
-{
-    int r;
-    const RPC2Packet::Slot* s = next_value(r);
-    if (!s)
-        return r;
-    const int len = s->size - 4;
-    const unsigned char* p = reinterpret_cast<const unsigned char*>(rp_in.payload(*s));
-    if (len == 8) {
-        raw = (ui64(get_be32(p)) << 32) | get_be32(p + 4);
-    } else if (len > 8) {
-        return ec_inval;
-    } else {
-        // A payload shorter than 8 bytes is accepted; the missing low-order
-        // bytes read as zero.
-        unsigned char b[8] = {0, 0, 0, 0, 0, 0, 0, 0};
-        std::memcpy(b, p, static_cast<std::size_t>(len));
-        raw = (ui64(get_be32(b)) << 32) | get_be32(b + 4);
-    }
-    rp_in.skip_data();
-    return ec_ok;
-}
-
-template <> int RPC2Stream::data_get<int>(int& value)
-{
-    ui32 v = 0;
-    const int r = get32(v);
-    if (r == ec_ok)
-        value = static_cast<std::int32_t>(v);
-    return r;
-}
-
-template <> int RPC2Stream::data_get<long>(long& value)
-{
-    ui32 v = 0;
-    const int r = get32(v);
-    if (r == ec_ok)
-        value = static_cast<std::int32_t>(v);
-    return r;
-}
-
-template <> int RPC2Stream::data_get<unsigned int>(unsigned int& value)
-{
-    ui32 v = 0;
-    const int r = get32(v);
-    if (r == ec_ok)
-        value = v;
-    return r;
-}
-
-template <> int RPC2Stream::data_get<long long>(long long& value)
-{
-    ui64 v = 0;
-    const int r = get64(v);
-    if (r == ec_ok)
-        value = static_cast<long long>(v);
-    return r;
-}
-
-template <> int RPC2Stream::data_get<double>(double& value)
-{
-    ui64 v = 0;
-    const int r = get64(v);
-    if (r == ec_ok)
-        std::memcpy(&value, &v, sizeof value);
-    return r;
 }
 
 template <> int RPC2Stream::data_get<std::string>(std::string& value)
 {
     int r;
-    const RPC2Packet::Slot* s = next_value(r);
-    if (!s)
+    const char* a = next_value(r);
+    if (!a)
         return r;
     try {
-        value.assign(rp_in.payload(*s), static_cast<std::size_t>(s->size - 4));
+        value.assign(a + 4, static_cast<std::size_t>(RPC2Packet::attr_size(a) - 4));
     } catch (const std::bad_alloc&) {
         return ec_nomem;
     }
-    rp_in.skip_data();
+    rp_in.skip_data(a);
     return ec_ok;
 }
 
 int RPC2Stream::data_get_new(char*& data, int& len)
 {
     int r;
-    const RPC2Packet::Slot* s = next_value(r);
-    if (!s)
+    const char* a = next_value(r);
+    if (!a)
         return r;
-    const int n = s->size - 4;
+    const int n = RPC2Packet::attr_size(a) - 4;
     char* copy = new (std::nothrow) char[n > 0 ? n : 1];
     if (!copy)
         return ec_nomem;
     if (n)
-        std::memcpy(copy, rp_in.payload(*s), static_cast<std::size_t>(n));
-    rp_in.skip_data();
+        std::memcpy(copy, a + 4, static_cast<std::size_t>(n));
+    rp_in.skip_data(a);
     data = copy;
     len = n;
     return ec_ok;
