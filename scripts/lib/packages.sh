@@ -35,6 +35,12 @@ DEMO_PACKAGES=(
     xvfb xauth trayer x11-apps xdotool imagemagick fonts-dejavu-core
 )
 
+# What scripts/bench needs on top: the tray host under Xvfb, xdotool to find
+# it, XCB for the program that times the icon's docking, taskset to pin.
+BENCH_PACKAGES=(
+    xvfb xauth trayer xdotool libxcb1-dev util-linux
+)
+
 # What scripts/package needs on top: dpkg-shlibdeps and dpkg-deb, and file,
 # with which CPack finds the programs whose libraries make the dependencies.
 PACKAGE_PACKAGES=(
