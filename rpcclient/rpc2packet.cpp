@@ -1,5 +1,6 @@
 #include "rpc2packet.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <memory>
@@ -141,9 +142,7 @@ void RPC2Packet::add_data(const char* data, int len)
     own();
     const int size = len + 4;
     const char head[4] = {static_cast<char>(ra_data), 0, static_cast<char>(size >> 8), static_cast<char>(size & 0xFF)};
-    const std::size_t at = cursor_offset();
-    bytes.reserve(bytes.size() + static_cast<std::size_t>(size));
-    cursor_at(at);
+    make_room(static_cast<std::size_t>(size));
     bytes.insert(bytes.end(), head, head + 4);
     bytes.insert(bytes.end(), data, data + len);
     total += size;
@@ -531,9 +530,7 @@ int RPC2Packet::parse_attr(const char* p, int len)
     try {
         own();
         at = bytes.size();
-        const std::size_t read_at = cursor_offset();
-        bytes.reserve(at + static_cast<std::size_t>(len));
-        cursor_at(read_at);
+        make_room(static_cast<std::size_t>(len));
     } catch (const std::bad_alloc&) {
         return 0;
     }
@@ -585,6 +582,16 @@ void RPC2Packet::own()
     const std::size_t at = cursor_offset();
     bytes.assign(view, view + view_len);
     view = nullptr;
+    cursor_at(at);
+}
+
+void RPC2Packet::make_room(std::size_t n)
+{
+    if (bytes.capacity() - bytes.size() >= n)
+        return;
+    // Doubling, as the vector would, but with the cursor taken along.
+    const std::size_t at = cursor_offset();
+    bytes.reserve(std::max(bytes.capacity() * 2, bytes.size() + n));
     cursor_at(at);
 }
 

@@ -136,6 +136,9 @@ private:
     void detach();
     // Before the packet changes: the region becomes its own. Throws bad_alloc.
     void own();
+    // Room for n more bytes in the region the packet holds, the cursor kept
+    // on its attribute. Throws bad_alloc.
+    void make_room(std::size_t n);
     // Checks the attributes of a region of len bytes at u, which lies (or
     // will lie) at offset at of the region, and files them: the count of
     // bytes that hold whole attributes.
