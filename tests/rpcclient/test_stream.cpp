@@ -2,7 +2,7 @@
 // refills across packet boundaries, and how receive failures turn into the
 // stream's error flags.
 #include "rpc2stream.h"
-#include "socketpair.h"
+#include "streampair.h"
 
 #include <gtest/gtest.h>
 
@@ -15,20 +15,6 @@ using namespace ZEL;
 using namespace zel5test;
 
 namespace {
-
-// A stream on the near end of a fresh socket pair; the stream closes that end.
-struct StreamOnPair {
-    SocketPair sp;
-    RPC2Stream stream{sp.release(0), nullptr};
-};
-
-// Reads one value of type T, expecting the given result.
-template <typename T> T next(RPC2Stream& s, int expected = 0)
-{
-    T v{};
-    EXPECT_EQ(s.data_get(v), expected);
-    return v;
-}
 
 // Reads one blob with data_get_new and frees the array the stream handed out.
 Bytes blob(RPC2Stream& s, int expected = 0)

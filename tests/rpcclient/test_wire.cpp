@@ -7,7 +7,7 @@
 #include "rpc2packet.h"
 #include "rpc2stream.h"
 #include "rpcctx.h"
-#include "socketpair.h"
+#include "streampair.h"
 
 #include <gtest/gtest.h>
 
@@ -24,18 +24,6 @@ using namespace ZEL;
 using namespace zel5test;
 
 namespace {
-
-struct StreamOnPair {
-    SocketPair sp;
-    RPC2Stream stream{sp.release(0), nullptr};
-};
-
-template <typename T> T next(RPC2Stream& s, int expected = 0)
-{
-    T v{};
-    EXPECT_EQ(s.data_get(v), expected);
-    return v;
-}
 
 // The raw value under a packet's cursor, as text.
 std::string raw(RPC2Packet& p, int expected = 0)
