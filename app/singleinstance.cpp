@@ -1,33 +1,38 @@
 #include "singleinstance.h"
 
+#include <QByteArray>
 #include <QDeadlineTimer>
 #include <QDir>
 #include <QFile>
 #include <QFileInfo>
-#include <QLocalServer>
-#include <QLocalSocket>
+#include <QSocketNotifier>
 #include <QStandardPaths>
 #include <QTimer>
 
 #include <cerrno>
+#include <cstring>
 #include <ctime>
+#include <utility>
 
 #include <fcntl.h>
+#include <poll.h>
 #include <sys/file.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
 #include <unistd.h>
 
 namespace {
 
 // Longest request or answer line taken, newline included.
-constexpr qint64 maxLineBytes = 256;
+constexpr qsizetype maxLineBytes = 256;
 // A client that connects and says nothing is let go after this.
 constexpr int idleClientMs = 2000;
 // How long a start waits for another one that is at the check right now;
-// that one holds the lock for at most a probe's wait.
+// that one holds the lock only while it probes the socket.
 constexpr int lockWaitMs = 3000;
 constexpr long lockStepMs = 10;
-// How long the probe waits for a connection to the socket it found.
-constexpr int probeWaitMs = 1000;
+constexpr int listenBacklog = 8;
 
 QString runtimeDir()
 {
@@ -50,9 +55,82 @@ int remainingMs(const QDeadlineTimer& deadline)
     return static_cast<int>(qMax<qint64>(deadline.remainingTime(), 0));
 }
 
-// An exclusive flock() on the lock file, held while the object lives. The
-// kernel lets go of it when the process ends in any way, so a start killed
-// during the check leaves nothing behind that a later one must judge stale.
+void sleepStep()
+{
+    const timespec step{0, lockStepMs * 1000000L};
+    ::nanosleep(&step, nullptr);
+}
+
+QString errnoText(int code)
+{
+    return QString::fromLocal8Bit(std::strerror(code));
+}
+
+// The socket's address; false when the path does not fit into one.
+bool unixAddress(const QString& path, sockaddr_un& address)
+{
+    const QByteArray name = QFile::encodeName(path);
+    std::memset(&address, 0, sizeof address);
+    address.sun_family = AF_UNIX;
+    if (name.size() >= static_cast<qsizetype>(sizeof address.sun_path))
+        return false;
+    std::memcpy(address.sun_path, name.constData(), static_cast<size_t>(name.size()));
+    return true;
+}
+
+// A descriptor closed when the holder goes.
+class Fd {
+public:
+    explicit Fd(int fd = -1) : fd(fd) {}
+    ~Fd() { reset(); }
+    Fd(const Fd&) = delete;
+    Fd& operator=(const Fd&) = delete;
+    int get() const { return fd; }
+    int release() { return std::exchange(fd, -1); }
+    void reset()
+    {
+        if (fd >= 0)
+            ::close(fd);
+        fd = -1;
+    }
+
+private:
+    int fd;
+};
+
+int newSocket()
+{
+    return ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
+}
+
+// Connects without waiting: 0 when a listener took the connection, else the
+// errno (ECONNREFUSED or ENOENT when nothing listens, EAGAIN when its queue
+// is full).
+int connectNow(int fd, const QString& path)
+{
+    sockaddr_un address;
+    if (!unixAddress(path, address))
+        return ENAMETOOLONG;
+    int rc;
+    do
+        rc = ::connect(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address);
+    while (rc != 0 && errno == EINTR);
+    return rc == 0 ? 0 : errno;
+}
+
+// Waits for the events on fd until the deadline; false when it passed.
+bool waitFor(int fd, short events, const QDeadlineTimer& deadline)
+{
+    for (;;) {
+        pollfd p{fd, events, 0};
+        const int rc = ::poll(&p, 1, remainingMs(deadline));
+        if (rc > 0)
+            return true;
+        if (rc == 0 || errno != EINTR)
+            return false;
+    }
+}
+
 class CheckLock {
 public:
     enum Result { Held, Busy, Unavailable };
@@ -83,8 +161,7 @@ public:
                 return Unavailable;
             if (deadline.hasExpired())
                 return Busy;
-            const timespec step{0, lockStepMs * 1000000L};
-            ::nanosleep(&step, nullptr);
+            sleepStep();
         }
     }
 
@@ -94,6 +171,56 @@ private:
 
 } // namespace
 
+// One connected start: its line is read as it comes, answered once, and the
+// connection closed. One that says nothing is let go after idleClientMs.
+class SingleInstance::Client : public QObject {
+public:
+    Client(int fd, SingleInstance* owner)
+        : QObject(owner), fd(fd), owner(owner), notifier(fd, QSocketNotifier::Read, this)
+    {
+        connect(&notifier, &QSocketNotifier::activated, this, &Client::onReadable);
+        QTimer::singleShot(idleClientMs, this, [this] { finish(nullptr); });
+    }
+    ~Client() override { ::close(fd); }
+
+private:
+    void onReadable()
+    {
+        char chunk[maxLineBytes];
+        const ssize_t n = ::recv(fd, chunk, sizeof chunk, MSG_DONTWAIT);
+        if (n < 0 && (errno == EAGAIN || errno == EINTR))
+            return;
+        if (n <= 0)
+            return finish(nullptr); // gone, or an error: nothing to answer
+        line.append(chunk, n);
+        const qsizetype end = line.indexOf('\n');
+        if (end < 0) {
+            if (line.size() >= maxLineBytes)
+                finish("error request too long\n");
+            return;
+        }
+        // One request per connection; what follows the first line is ignored.
+        if (line.left(end).trimmed() != "show")
+            return finish("error unknown request\n");
+        finish("ok\n");
+        emit owner->showRequested();
+    }
+
+    void finish(const char* answer)
+    {
+        notifier.setEnabled(false);
+        // A few bytes into an empty socket buffer: this does not block.
+        if (answer)
+            (void)::send(fd, answer, std::strlen(answer), MSG_DONTWAIT | MSG_NOSIGNAL);
+        deleteLater();
+    }
+
+    const int fd;
+    SingleInstance* const owner;
+    QSocketNotifier notifier;
+    QByteArray line;
+};
+
 SingleInstance::SingleInstance(QObject* parent)
     : QObject(parent)
 {
@@ -101,8 +228,11 @@ SingleInstance::SingleInstance(QObject* parent)
 
 SingleInstance::~SingleInstance()
 {
-    if (server)
-        server->close(); // removes the socket file
+    if (listenFd < 0)
+        return;
+    delete acceptNotifier;
+    ::close(listenFd);
+    ::unlink(QFile::encodeName(socketPath()).constData());
 }
 
 QString SingleInstance::socketPath()
@@ -118,27 +248,38 @@ QString SingleInstance::lockPath()
 bool SingleInstance::listenOnce(bool& addressInUse)
 {
     addressInUse = false;
-    auto* candidate = new QLocalServer(this);
-    // No access option: with one, Qt binds in a temporary folder and renames
-    // the socket over an existing one, which would take a running tray's
-    // socket away. The runtime folder is private to the user already; the
-    // file is made so too.
-    if (!candidate->listen(socketPath())) {
-        addressInUse = candidate->serverError() == QAbstractSocket::AddressInUseError;
-        error = QStringLiteral("cannot listen on %1: %2").arg(socketPath(), candidate->errorString());
-        delete candidate;
+    const QString path = socketPath();
+    const auto fail = [&](int code) {
+        addressInUse = code == EADDRINUSE;
+        error = QStringLiteral("cannot listen on %1: %2").arg(path, errnoText(code));
         return false;
+    };
+    sockaddr_un address;
+    if (!unixAddress(path, address))
+        return fail(ENAMETOOLONG);
+    Fd fd(newSocket());
+    if (fd.get() < 0)
+        return fail(errno);
+    // bind() never replaces a file: a running tray's socket stays its own.
+    if (::bind(fd.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0)
+        return fail(errno);
+    // The runtime folder is private to the user already; the file is made so too.
+    ::chmod(address.sun_path, S_IRUSR | S_IWUSR);
+    if (::listen(fd.get(), listenBacklog) != 0) {
+        const int code = errno;
+        ::unlink(address.sun_path);
+        return fail(code);
     }
-    QFile::setPermissions(socketPath(), QFile::ReadOwner | QFile::WriteOwner);
-    server = candidate;
-    connect(server, &QLocalServer::newConnection, this, &SingleInstance::onNewConnection);
+    listenFd = fd.release();
+    acceptNotifier = new QSocketNotifier(listenFd, QSocketNotifier::Read, this);
+    connect(acceptNotifier, &QSocketNotifier::activated, this, &SingleInstance::onNewConnection);
     error.clear();
     return true;
 }
 
 bool SingleInstance::tryToBecomePrimary()
 {
-    if (server)
+    if (listenFd >= 0)
         return true;
     error.clear();
     const QString path = socketPath();
@@ -164,62 +305,36 @@ bool SingleInstance::tryToBecomePrimary()
     if (!inUse)
         return true; // cannot listen at all: run, unguarded, with the reason in error
 
-    // The socket file is there. A running tray accepts the connection; a file
+    // The socket file is there. A running tray takes the connection; a file
     // left by a tray that crashed or was killed refuses it.
-    QLocalSocket probe;
-    probe.connectToServer(path);
-    if (probe.waitForConnected(probeWaitMs)) {
-        probe.abort();
+    Fd probe(newSocket());
+    const int probeError = probe.get() < 0 ? errno : connectNow(probe.get(), path);
+    if (probeError == 0) {
         error.clear();
         return false;
     }
-    const QLocalSocket::LocalSocketError probeError = probe.error();
-    if (probeError != QLocalSocket::ConnectionRefusedError && probeError != QLocalSocket::ServerNotFoundError) {
+    if (probeError != ECONNREFUSED && probeError != ENOENT) {
         // A listener that does not accept (too many waiting, or busy): a tray
         // runs, even if it will not answer.
-        error = QStringLiteral("a tray listens on %1 but does not accept: %2").arg(path, probe.errorString());
+        error = QStringLiteral("a tray listens on %1 but does not accept: %2").arg(path, errnoText(probeError));
         return false;
     }
-    QLocalServer::removeServer(path);
+    ::unlink(QFile::encodeName(path).constData());
     listenOnce(inUse);
     return true; // listening, or unguarded with the reason in error
 }
 
 void SingleInstance::onNewConnection()
 {
-    while (QLocalSocket* socket = server->nextPendingConnection()) {
-        connect(socket, &QLocalSocket::disconnected, socket, &QObject::deleteLater);
-        connect(socket, &QLocalSocket::readyRead, this, [this, socket] { onReadyRead(socket); });
-        QTimer::singleShot(idleClientMs, socket, [socket] {
-            socket->abort();
-            socket->deleteLater();
-        });
-        if (socket->canReadLine())
-            onReadyRead(socket);
-    }
-}
-
-void SingleInstance::onReadyRead(QLocalSocket* socket)
-{
-    // One request per connection; what follows the first line is ignored.
-    if (socket->state() != QLocalSocket::ConnectedState)
-        return;
-    if (!socket->canReadLine()) {
-        if (socket->bytesAvailable() >= maxLineBytes) {
-            socket->write("error request too long\n");
-            socket->disconnectFromServer();
+    for (;;) {
+        const int fd = ::accept4(listenFd, nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK);
+        if (fd < 0) {
+            if (errno == EINTR || errno == ECONNABORTED)
+                continue;
+            return; // EAGAIN: all taken; anything else: the next start tries again
         }
-        return;
+        new Client(fd, this);
     }
-    const QByteArray line = socket->readLine(maxLineBytes).trimmed();
-    if (line != "show") {
-        socket->write("error unknown request\n");
-        socket->disconnectFromServer();
-        return;
-    }
-    socket->write("ok\n");
-    socket->disconnectFromServer();
-    emit showRequested();
 }
 
 bool SingleInstance::notifyPrimary(int timeoutMs, QString* error)
@@ -232,27 +347,47 @@ bool SingleInstance::notifyPrimary(int timeoutMs, QString* error)
         return false;
     };
 
-    QLocalSocket socket;
-    socket.connectToServer(path);
-    if (!socket.waitForConnected(remainingMs(deadline)))
-        return fail(QStringLiteral("cannot reach the running tray at %1: %2").arg(path, socket.errorString()));
-    socket.write("show\n");
-    socket.flush();
-    while (socket.bytesToWrite() > 0) {
-        if (deadline.hasExpired() || !socket.waitForBytesWritten(remainingMs(deadline)))
-            return fail(QStringLiteral("cannot send to the running tray: %1").arg(socket.errorString()));
+    Fd socket(newSocket());
+    if (socket.get() < 0)
+        return fail(QStringLiteral("cannot make a socket: %1").arg(errnoText(errno)));
+    // A full queue of waiting starts empties soon: try again until the deadline.
+    int rc;
+    while ((rc = connectNow(socket.get(), path)) == EAGAIN && !deadline.hasExpired())
+        sleepStep();
+    if (rc != 0)
+        return fail(QStringLiteral("cannot reach the running tray at %1: %2").arg(path, errnoText(rc)));
+
+    const QByteArray request = "show\n";
+    qsizetype sent = 0;
+    while (sent < request.size()) {
+        const ssize_t n = ::send(socket.get(), request.constData() + sent, static_cast<size_t>(request.size() - sent),
+                                 MSG_DONTWAIT | MSG_NOSIGNAL);
+        if (n > 0) {
+            sent += n;
+            continue;
+        }
+        if (errno != EAGAIN && errno != EINTR)
+            return fail(QStringLiteral("cannot send to the running tray: %1").arg(errnoText(errno)));
+        if (!waitFor(socket.get(), POLLOUT, deadline))
+            return fail(QStringLiteral("cannot send to the running tray within %1 ms").arg(timeoutMs));
     }
-    while (!socket.canReadLine()) {
-        if (socket.bytesAvailable() >= maxLineBytes)
+
+    QByteArray answer;
+    while (!answer.contains('\n')) {
+        if (answer.size() >= maxLineBytes)
             return fail(QStringLiteral("the running tray's answer is too long"));
-        if (socket.state() != QLocalSocket::ConnectedState)
-            return fail(QStringLiteral("the running tray closed the connection without answering"));
-        if (deadline.hasExpired())
+        if (!waitFor(socket.get(), POLLIN, deadline))
             return fail(QStringLiteral("the running tray did not answer within %1 ms").arg(timeoutMs));
-        socket.waitForReadyRead(remainingMs(deadline));
+        char chunk[maxLineBytes];
+        const ssize_t n = ::recv(socket.get(), chunk, sizeof chunk, MSG_DONTWAIT);
+        if (n == 0)
+            return fail(QStringLiteral("the running tray closed the connection without answering"));
+        if (n < 0 && errno != EAGAIN && errno != EINTR)
+            return fail(QStringLiteral("cannot read the running tray's answer: %1").arg(errnoText(errno)));
+        if (n > 0)
+            answer.append(chunk, n);
     }
-    const QByteArray answer = socket.readLine(maxLineBytes).trimmed();
-    socket.abort();
+    answer = answer.left(answer.indexOf('\n')).trimmed();
     if (answer == "ok") {
         if (error)
             error->clear();

@@ -12,8 +12,7 @@
 #include <QObject>
 #include <QString>
 
-class QLocalServer;
-class QLocalSocket;
+class QSocketNotifier;
 
 class SingleInstance : public QObject {
     Q_OBJECT
@@ -29,7 +28,7 @@ public:
     // unguarded, and errorString() says why; false only when another tray
     // holds the socket or the lock stays taken.
     bool tryToBecomePrimary();
-    bool isPrimary() const { return server != nullptr; }
+    bool isPrimary() const { return listenFd >= 0; }
     // Why the last tryToBecomePrimary() or notifyPrimary() did not go as
     // planned; empty when it did.
     QString errorString() const { return error; }
@@ -50,11 +49,15 @@ signals:
     void showRequested();
 
 private:
+    class Client;
+
     void onNewConnection();
-    void onReadyRead(QLocalSocket* socket);
     bool listenOnce(bool& addressInUse);
 
-    QLocalServer* server = nullptr;
+    // A plain Unix socket watched by the event loop: the tray needs no
+    // network module for one line each way.
+    int listenFd = -1;
+    QSocketNotifier* acceptNotifier = nullptr;
     QString error;
 };
 

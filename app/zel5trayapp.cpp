@@ -17,6 +17,8 @@
 #include <QTimer>
 #include <QTimerEvent>
 
+#include <malloc.h>
+
 namespace {
 // How long shut-down waits for the worker to give up its exchange. The
 // exchange is cancelled first, so this only covers a name lookup that
@@ -274,6 +276,9 @@ void ZEL5TrayApp::applyOutcome(TryToConnectThread::Outcome& outcome)
     emit stateChanged();
     if (thread->busy())
         return;
+    // The exchange's buffers (the TLS handshake's above all) were freed in
+    // the worker's heap; give the pages back while the tray idles.
+    ::malloc_trim(0);
     if (sessionCheckPending)
         runSessionCheck();
     else if (reconnectPending)

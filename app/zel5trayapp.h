@@ -22,6 +22,7 @@ class QTimerEvent;
 class AccountOverview;
 class BalanceHistory;
 class DesktopNotifier;
+class NetworkMonitor;
 class TrayBusService;
 class ZEL5Icon;
 
@@ -163,7 +164,7 @@ private:
     bool sessionCheckPending = false;
     bool reconnectIfCheckFails = false;
     bool lowBalanceTold = false;
-    bool networkOnline = true;
+    NetworkMonitor* network = nullptr;
     bool attemptRunning = false;
     OfflineReason offlineReason = NotYetKnown;
     // A refused login is told once until the login or password changes.

@@ -5,11 +5,11 @@
 
 #include "config.h"
 #include "desktopnotifier.h"
+#include "networkmonitor.h"
 #include "zel5icon.h"
 
 #include <QDBusConnection>
 #include <QDateTime>
-#include <QNetworkInformation>
 #include <QSystemTrayIcon>
 #include <QTimer>
 
@@ -20,12 +20,6 @@ namespace {
 const int trayWatchMs = 1000;
 // Wake-up and network events closer than this make one check.
 const qint64 sessionCheckGapMs = 2000;
-
-bool reachable(QNetworkInformation::Reachability r)
-{
-    // A backend that cannot tell is no reason to stay offline.
-    return r != QNetworkInformation::Reachability::Disconnected;
-}
 } // namespace
 
 void ZEL5TrayApp::watchDesktop()
@@ -42,17 +36,8 @@ void ZEL5TrayApp::watchDesktop()
                                          QStringLiteral("org.freedesktop.login1.Manager"),
                                          QStringLiteral("PrepareForSleep"), this, SLOT(onPrepareForSleep(bool)));
 
-    if (QNetworkInformation::loadDefaultBackend() && QNetworkInformation::instance()) {
-        QNetworkInformation* network = QNetworkInformation::instance();
-        networkOnline = reachable(network->reachability());
-        connect(network, &QNetworkInformation::reachabilityChanged, this,
-                [this](QNetworkInformation::Reachability r) {
-                    const bool wasOnline = networkOnline;
-                    networkOnline = reachable(r);
-                    if (networkOnline && !wasOnline)
-                        checkSessionSoon();
-                });
-    }
+    network = new NetworkMonitor(QDBusConnection::systemBus(), this);
+    connect(network, &NetworkMonitor::cameOnline, this, &ZEL5TrayApp::checkSessionSoon);
 }
 
 void ZEL5TrayApp::onPrepareForSleep(bool sleeping)
@@ -135,7 +120,7 @@ QString ZEL5TrayApp::offlineText() const
     const QString server = _cfg ? _cfg->address : QString();
     const QString port = _cfg ? QString::number(_cfg->port) : QString();
     QString reason;
-    if (!networkOnline)
+    if (network && !network->online())
         reason = tr("No network");
     else if (attemptRunning || offlineReason == NotYetKnown)
         reason = tr("Connecting…");
