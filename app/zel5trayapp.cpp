@@ -75,13 +75,14 @@ int ZEL5TrayApp::init()
     if (_cfg->_load()) {
         _cfg->loaded = true;
         // The autostart entry follows the stored setting, whatever changed it.
-        AutostartEntry::apply(_cfg->startOnLogin, QCoreApplication::applicationFilePath());
+        applyAutostart();
     } else {
         showSettings();
     }
 
     history = new BalanceHistory(BalanceHistory::defaultPath());
-    history->load();
+    if (!history->load())
+        qWarning("zel5_tray: %s", qUtf8Printable(history->errorString()));
     busService = new TrayBusService(this);
     busService->registerOnBus();
 
@@ -262,7 +263,7 @@ void ZEL5TrayApp::applyOutcome(TryToConnectThread::Outcome& outcome)
             lastRefresh = QDateTime::currentSecsSinceEpoch();
             ++refreshes;
             everKnown = true;
-            history->record(lastRefresh, view.balance);
+            recordBalance(lastRefresh, view.balance);
             watchBalance();
         }
         scheduleRetry(outcome);
@@ -285,6 +286,22 @@ void ZEL5TrayApp::applyOutcome(TryToConnectThread::Outcome& outcome)
         tryToConnect();
     else if (refreshPending)
         refreshNow();
+}
+
+void ZEL5TrayApp::applyAutostart()
+{
+    QString why;
+    if (!AutostartEntry::apply(_cfg->startOnLogin, QCoreApplication::applicationFilePath(), &why))
+        qWarning("zel5_tray: %s", qUtf8Printable(why));
+}
+
+void ZEL5TrayApp::recordBalance(qint64 time, double balance)
+{
+    history->record(time, balance);
+    const QString& error = history->errorString();
+    if (!error.isEmpty() && error != historyErrorLogged)
+        qWarning("zel5_tray: %s", qUtf8Printable(error));
+    historyErrorLogged = error;
 }
 
 void ZEL5TrayApp::refreshNow()

@@ -132,6 +132,9 @@ private:
     int storeMessages(std::vector<MessageCollector::ZELMessage>& messages, long lastCheck, QString* newest = nullptr);
     void tellNewMessages(int count, const QString& newest);
     void watchBalance();
+    // The autostart entry in line with "start_on_login"; a failure is logged.
+    void applyAutostart();
+    void recordBalance(qint64 time, double balance);
     void scheduleRetry(const TryToConnectThread::Outcome& outcome);
     void runSessionCheck();
     void watchDesktop();
@@ -174,6 +177,7 @@ private:
     int refreshes = 0;
     bool everKnown = false;   // a status was ever read
     BalanceHistory* history = nullptr;
+    QString historyErrorLogged; // a failing save is logged once, not every refresh
     AccountOverview* overview = nullptr;
     TrayBusService* busService = nullptr;
     void updateOverview(bool evenHidden = false);

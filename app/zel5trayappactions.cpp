@@ -2,7 +2,6 @@
 #include "zel5trayapp.h"
 
 #include "aboutdialog.h"
-#include "autostartentry.h"
 #include "config.h"
 #include "desktopnotifier.h"
 #include "messagesdialog.h"
@@ -77,7 +76,7 @@ void ZEL5TrayApp::showSettings()
         loginRefusalTold = false;
     if (_cfg->saveSettings)
         _cfg->_save(true);
-    AutostartEntry::apply(_cfg->startOnLogin, QCoreApplication::applicationFilePath());
+    applyAutostart();
     runTimer();
     // What runs or waits with the old settings is dropped, then the session.
     ++generation;

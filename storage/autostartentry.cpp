@@ -35,14 +35,16 @@ QByteArray currentText(const QString& path)
     return f.readAll();
 }
 
-bool removeEntry(const QString& path)
+bool removeEntry(const QString& path, QString* why)
 {
     const QFileInfo info(path);
     if (!info.exists() && !info.isSymLink())
         return true;
-    if (QFile::remove(path))
+    QFile entry(path);
+    if (entry.remove())
         return true;
-    qWarning("zel5_tray: cannot remove the autostart entry %s", qUtf8Printable(path));
+    if (why)
+        *why = QStringLiteral("cannot remove the autostart entry %1: %2").arg(path, entry.errorString());
     return false;
 }
 
@@ -88,47 +90,38 @@ QString AutostartEntry::execValue(const QString& program)
     return argument;
 }
 
-bool AutostartEntry::apply(bool enabled, const QString& program)
+bool AutostartEntry::apply(bool enabled, const QString& program, QString* why)
 {
+    const auto fail = [why](const QString& reason) {
+        if (why)
+            *why = reason;
+        return false;
+    };
     const QString file = path();
-    if (file.isEmpty()) {
-        qWarning("zel5_tray: no configuration folder for the autostart entry");
-        return false;
-    }
+    if (file.isEmpty())
+        return fail(QStringLiteral("no configuration folder for the autostart entry"));
     if (!enabled)
-        return removeEntry(file);
+        return removeEntry(file, why);
 
-    if (!QDir::isAbsolutePath(program)) {
-        qWarning("zel5_tray: the program's path %s is not absolute; no autostart entry written",
-                 qUtf8Printable(program));
-        return false;
-    }
+    if (!QDir::isAbsolutePath(program))
+        return fail(QStringLiteral("the program's path %1 is not absolute; no autostart entry written").arg(program));
     const QString exec = execValue(program);
-    if (exec.isEmpty()) {
-        qWarning("zel5_tray: the program's path %s holds a control character; no autostart entry written",
-                 qUtf8Printable(program));
-        return false;
-    }
+    if (exec.isEmpty())
+        return fail(QStringLiteral("the program's path %1 holds a control character; no autostart entry written")
+                        .arg(program));
     const QByteArray text = entryText(exec);
     const QFileInfo info(file);
     if (!info.isSymLink() && currentText(file) == text)
         return true;
 
-    if (!QDir().mkpath(info.absolutePath())) {
-        qWarning("zel5_tray: cannot create the autostart folder %s", qUtf8Printable(info.absolutePath()));
-        return false;
-    }
+    if (!QDir().mkpath(info.absolutePath()))
+        return fail(QStringLiteral("cannot create the autostart folder %1").arg(info.absolutePath()));
     // A link (say, to the program's system-wide entry) is replaced by an
     // entry of our own rather than written through.
-    if (info.isSymLink() && !QFile::remove(file)) {
-        qWarning("zel5_tray: cannot replace the autostart link %s", qUtf8Printable(file));
-        return false;
-    }
+    if (info.isSymLink() && !QFile::remove(file))
+        return fail(QStringLiteral("cannot replace the autostart link %1").arg(file));
     QSaveFile out(file);
-    if (!out.open(QIODevice::WriteOnly) || out.write(text) != text.size() || !out.commit()) {
-        qWarning("zel5_tray: cannot write the autostart entry %s: %s", qUtf8Printable(file),
-                 qUtf8Printable(out.errorString()));
-        return false;
-    }
+    if (!out.open(QIODevice::WriteOnly) || out.write(text) != text.size() || !out.commit())
+        return fail(QStringLiteral("cannot write the autostart entry %1: %2").arg(file, out.errorString()));
     return true;
 }

@@ -16,8 +16,8 @@ public:
     // already there; the file is replaced whole or not at all. Not enabled:
     // removes the entry if there is one. False when that failed or `program`
     // cannot be started from an entry (not absolute, or holds a control
-    // character); the reason goes to the log.
-    static bool apply(bool enabled, const QString& program);
+    // character); the reason then goes to *why when given.
+    static bool apply(bool enabled, const QString& program, QString* why = nullptr);
 
     // The Exec value that starts `program` as the desktop entry format
     // wants it: quoted when it holds a space or a reserved character, with

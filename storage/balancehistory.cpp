@@ -53,12 +53,12 @@ QString BalanceHistory::defaultPath()
 bool BalanceHistory::load()
 {
     list.clear();
+    error.clear();
     QFile in(file);
     if (!in.exists())
         return true;
     if (!in.open(QIODevice::ReadOnly)) {
-        qWarning("zel5_tray: cannot read the balance history %s: %s", qUtf8Printable(file),
-                 qUtf8Printable(in.errorString()));
+        error = QStringLiteral("cannot read the balance history %1: %2").arg(file, in.errorString());
         return false;
     }
     while (!in.atEnd()) {
@@ -148,9 +148,8 @@ bool BalanceHistory::save() const
     const bool ok = QDir().mkpath(dir) && out.open(QIODevice::WriteOnly)
                  && out.setPermissions(QFileDevice::ReadOwner | QFileDevice::WriteOwner)
                  && out.write(text) == text.size() && out.commit();
-    if (!ok) {
-        qWarning("zel5_tray: cannot save the balance history %s: %s", qUtf8Printable(file),
-                 qUtf8Printable(out.errorString()));
-    }
+    error.clear();
+    if (!ok)
+        error = QStringLiteral("cannot save the balance history %1: %2").arg(file, out.errorString());
     return ok;
 }

@@ -37,9 +37,12 @@ public:
     // Adds a sample when `balance` differs from the newest sample's, drops
     // what has grown too old or too many, and any sample later than `time`
     // (the clock went back), and saves the file whole. Returns
-    // whether a sample was added; a failed save is logged and made good by
+    // whether a sample was added; a failed save is in errorString(), made good by
     // the next one, as every save writes the whole history.
     bool record(qint64 time, double balance);
+
+    // Why the last load or save failed; empty after one that worked.
+    const QString& errorString() const { return error; }
 
     // Sorted by time, oldest first.
     const QVector<Sample>& samples() const { return list; }
@@ -58,6 +61,7 @@ private:
 
     QString file;
     QVector<Sample> list;
+    mutable QString error;
 };
 
 #endif
