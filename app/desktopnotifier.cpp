@@ -28,38 +28,50 @@ DesktopNotifier::DesktopNotifier(QSystemTrayIcon* fb, QObject* parent) : QObject
 void DesktopNotifier::notify(Kind kind, const QString& summary, const QString& body, Urgency urgency,
                              const QStringList& actions)
 {
-    QDBusConnection bus = QDBusConnection::sessionBus();
-    if (!bus.isConnected()) {
+    const Request request{summary, body, urgency, actions};
+    if (!QDBusConnection::sessionBus().isConnected()) {
         if (fallback)
             fallback->showMessage(summary, body);
         return;
     }
+    // The id to replace is only known from the answer to the last one.
+    if (sent.contains(kind))
+        waiting.insert(kind, request);
+    else
+        send(kind, request);
+}
+
+void DesktopNotifier::send(int kind, const Request& request)
+{
     QDBusMessage call = QDBusMessage::createMethodCall(QString::fromLatin1(service), QString::fromLatin1(path),
                                                        QString::fromLatin1(interface), QStringLiteral("Notify"));
     QVariantMap hints;
     hints.insert(QStringLiteral("desktop-entry"), QGuiApplication::desktopFileName());
-    hints.insert(QStringLiteral("urgency"), QVariant::fromValue(static_cast<uchar>(urgency)));
+    hints.insert(QStringLiteral("urgency"), QVariant::fromValue(static_cast<uchar>(request.urgency)));
     // replaces_id keeps one notification of each kind on screen.
     call << QGuiApplication::applicationDisplayName() << ids.value(kind, 0u) << QStringLiteral("zel5_tray")
-         << summary << body << actions << hints << qint32(-1);
-    auto* watcher = new QDBusPendingCallWatcher(bus.asyncCall(call), this);
+         << request.summary << request.body << request.actions << hints << qint32(-1);
+    sent.insert(kind);
+    auto* watcher = new QDBusPendingCallWatcher(QDBusConnection::sessionBus().asyncCall(call), this);
     connect(watcher, &QDBusPendingCallWatcher::finished, this,
-            [this, kind, summary, body](QDBusPendingCallWatcher* w) { replied(kind, w, summary, body); });
+            [this, kind, request](QDBusPendingCallWatcher* w) { replied(kind, w, request); });
 }
 
-void DesktopNotifier::replied(int kind, QDBusPendingCallWatcher* watcher, const QString& summary,
-                              const QString& body)
+void DesktopNotifier::replied(int kind, QDBusPendingCallWatcher* watcher, const Request& request)
 {
     watcher->deleteLater();
+    sent.remove(kind);
     QDBusPendingReply<uint> reply = *watcher;
     if (reply.isError()) {
         // No notification service on this desktop: the tray's own balloon.
         ids.remove(kind);
         if (fallback)
-            fallback->showMessage(summary, body);
-        return;
+            fallback->showMessage(request.summary, request.body);
+    } else {
+        ids.insert(kind, reply.value());
     }
-    ids.insert(kind, reply.value());
+    if (waiting.contains(kind))
+        send(kind, waiting.take(kind));
 }
 
 int DesktopNotifier::kindOf(uint id) const

@@ -7,6 +7,7 @@
 
 #include <QMap>
 #include <QObject>
+#include <QSet>
 #include <QString>
 #include <QStringList>
 
@@ -33,7 +34,9 @@ public:
     explicit DesktopNotifier(QSystemTrayIcon* fallback, QObject* parent = nullptr);
 
     // Shows or replaces the notification of `kind`. actions: pairs of key
-    // and label, as the service takes them. Never waits on the service.
+    // and label, as the service takes them. Never waits on the service:
+    // while its answer to the last one of `kind` is awaited, the newest
+    // further one waits and then replaces it, so two never stack.
     void notify(Kind kind, const QString& summary, const QString& body, Urgency urgency,
                 const QStringList& actions = {});
 
@@ -49,11 +52,21 @@ private slots:
     void onClosed(uint id, uint reason);
 
 private:
-    void replied(int kind, QDBusPendingCallWatcher* call, const QString& summary, const QString& body);
+    struct Request {
+        QString summary;
+        QString body;
+        Urgency urgency = Normal;
+        QStringList actions;
+    };
+
+    void send(int kind, const Request& request);
+    void replied(int kind, QDBusPendingCallWatcher* call, const Request& request);
     int kindOf(uint id) const;
 
     QSystemTrayIcon* fallback;
     QMap<int, uint> ids; // kind -> the service's id
+    QMap<int, Request> waiting; // kind -> the request sent when the answer comes
+    QSet<int> sent;             // kinds whose Notify awaits its answer
 };
 
 #endif
