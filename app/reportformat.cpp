@@ -19,8 +19,8 @@ QString trayText(const char* text)
 QString classLine(const MiniClient::TClassReport& report, double divisor)
 {
     return QStringLiteral("    %1: %2 (%3), %4: %5 %6")
-        .arg(trayText("Traffic Class"), QString::fromStdString(report.name),
-             QString::number(static_cast<qint64>(report.id)), trayText("Size"),
+        .arg(trayText(QT_TRANSLATE_NOOP("ZEL5Icon", "Traffic Class")), QString::fromStdString(report.name),
+             QString::number(static_cast<qint64>(report.id)), trayText(QT_TRANSLATE_NOOP("ZEL5Icon", "Size")),
              QString::number(static_cast<double>(report.size) / divisor, 'f', 2), QStringLiteral("Mb"));
 }
 
@@ -81,15 +81,24 @@ bool classesFromJson(const QJsonValue& value, const QString& where, std::vector<
 
 } // namespace
 
-QStringList reportLines(const MiniClient::ServiceList& services, double divisor)
+QList<QStringList> reportServiceLines(const MiniClient::ServiceList& services, double divisor)
 {
-    QStringList lines;
+    QList<QStringList> all;
     for (const MiniClient::ServiceReport& service : services) {
-        lines << trayText("Service: ") + QString::fromStdString(service.name);
+        QStringList lines{trayText(QT_TRANSLATE_NOOP("ZEL5Icon", "Service: ")) + QString::fromStdString(service.name)};
         addClassLines(lines, QStringLiteral("Old Prepaid:"), service.oldPrepaid, divisor);
         addClassLines(lines, QStringLiteral("Prepaid:"), service.prepaid, divisor);
         addClassLines(lines, QStringLiteral("Downloaded:"), service.downloaded, divisor);
+        all << lines;
     }
+    return all;
+}
+
+QStringList reportLines(const MiniClient::ServiceList& services, double divisor)
+{
+    QStringList lines;
+    for (const QStringList& service : reportServiceLines(services, divisor))
+        lines << service;
     return lines;
 }
 

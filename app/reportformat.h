@@ -12,6 +12,7 @@
 #include "miniclient.h"
 
 #include <QJsonObject>
+#include <QList>
 #include <QString>
 #include <QStringList>
 
@@ -20,6 +21,9 @@
 // "    Traffic Class: <name> (<id>), Size: <size / divisor, 2 decimals> Mb".
 // Names are the server's text unchanged: a menu must double their '&'.
 QStringList reportLines(const MiniClient::ServiceList& services, double divisor);
+// The same lines, one list per service, its "Service:" line first: the menu
+// shows that one as a title row.
+QList<QStringList> reportServiceLines(const MiniClient::ServiceList& services, double divisor);
 
 QJsonObject reportJson(const MiniClient::ServiceList& services, int sizeDivisor);
 

@@ -3,6 +3,7 @@
 #include "zel5icon.h"
 
 #include "artwork.h"
+#include "reportformat.h"
 
 #include <QAction>
 #include <QCoreApplication>
@@ -16,9 +17,8 @@ const char* const ApplicationTitle = "Orvane ZEL5 Tray";
 
 // Names from the server are shown as they are: a '&' would otherwise turn
 // into a keyboard accelerator and vanish from the text.
-QString menuText(const std::string& utf8)
+QString menuText(QString text)
 {
-    QString text = QString::fromStdString(utf8);
     text.replace(QLatin1Char('&'), QStringLiteral("&&"));
     return text;
 }
@@ -33,25 +33,6 @@ QAction* addTitle(QMenu* menu, const QIcon& icon, const QString& text)
     font.setBold(true);
     title->setFont(font);
     return title;
-}
-
-// One traffic class: name, id and size in the report's unit. The values are
-// substituted in one pass, so a name that contains "%4" stays as it is.
-QString classLine(const MiniClient::TClassReport& report, double divisor)
-{
-    return QStringLiteral("    %1: %2 (%3), %4: %5 %6")
-        .arg(ZEL5Icon::tr("Traffic Class"), menuText(report.name),
-             QString::number(static_cast<qint64>(report.id)), ZEL5Icon::tr("Size"),
-             QString::number(static_cast<double>(report.size) / divisor, 'f', 2),
-             QStringLiteral("Mb"));
-}
-
-void addClassList(QMenu* menu, const QString& heading,
-                  const std::vector<MiniClient::TClassReport>& list, double divisor)
-{
-    menu->addAction(heading);
-    for (const MiniClient::TClassReport& report : list)
-        menu->addAction(classLine(report, divisor));
 }
 
 } // namespace
@@ -108,11 +89,10 @@ void ZEL5Icon::rebuildTrafficMenu()
     trafficMenu->clear();
     if (!reports)
         return;
-    for (const MiniClient::ServiceReport& service : *reports) {
-        addTitle(trafficMenu, QIcon(), tr("Service: ") + menuText(service.name));
-        addClassList(trafficMenu, QStringLiteral("Old Prepaid:"), service.oldPrepaid, sizeDivisor);
-        addClassList(trafficMenu, QStringLiteral("Prepaid:"), service.prepaid, sizeDivisor);
-        addClassList(trafficMenu, QStringLiteral("Downloaded:"), service.downloaded, sizeDivisor);
+    for (const QStringList& service : reportServiceLines(*reports, sizeDivisor)) {
+        addTitle(trafficMenu, QIcon(), menuText(service.first()));
+        for (qsizetype i = 1; i < service.size(); ++i)
+            trafficMenu->addAction(menuText(service.at(i)));
     }
 }
 
