@@ -1,3 +1,4 @@
+// The settings file and the message store's file, in a throw-away home each.
 #include "config.h"
 #include "filefinderqt.h"
 #include "messagecollector.h"
@@ -27,9 +28,9 @@ QByteArray field(const QByteArray& s)
 }
 
 // One message as the store's file keeps it: subject, text, date.
-QByteArray record(const QByteArray& s)
+QByteArray record(const QByteArray& subject, const QByteArray& text = "text", const QByteArray& date = "01.02.2007 10:00:00")
 {
-    return field(s) + field("text") + field("01.02.2007 10:00:00");
+    return field(subject) + field(text) + field(date);
 }
 
 int mode(const QString& path)
@@ -38,7 +39,6 @@ int mode(const QString& path)
     return ::stat(QFile::encodeName(path).constData(), &st) == 0 ? int(st.st_mode & 0777) : -1;
 }
 
-// Each test has a throw-away home, so the user's own files are never touched.
 class StorageTest : public ::testing::Test {
 protected:
     void SetUp() override
@@ -58,15 +58,27 @@ protected:
         QFile f(path);
         ASSERT_TRUE(f.open(QIODevice::WriteOnly) && f.write(data) == data.size());
     }
-    static void add(MessageCollector& store, std::string subject)
+    static void add(MessageCollector& store, std::string subject, std::string text = "text")
     {
-        std::string text = "text", date = "01.02.2007 10:00:00";
+        std::string date = "01.02.2007 10:00:00";
         store.insertMessage(subject, text, date);
     }
     static std::string shown(MessageCollector& store)
     {
         std::string subject, text, date;
         return store.currentMessage(subject, text, date) ? subject : "-";
+    }
+    // Every message, first to last, as "subject|text" lines; the cursor ends on the last.
+    static std::string listed(MessageCollector& store)
+    {
+        for (std::size_t i = 0; i < store.count(); ++i)
+            store.prevMessage();
+        std::string out, subject, text, date;
+        for (std::size_t i = 0; i < store.count(); ++i, store.nextMessage()) {
+            store.currentMessage(subject, text, date);
+            out += subject + "|" + text + "\n";
+        }
+        return out;
     }
 
     QTemporaryDir dir;
@@ -87,15 +99,12 @@ TEST_F(StorageTest, ConfigLoadTakesTheValuesInTurnUntilTheFirstMissingOrInvalidO
         {"port=11759", "port=70000", "ok b.net|w.net:8443|secret|70000|300|1000"},
         {"w.net:8443", "", "ok b.net|b.net|secret|11759|300|1000"},
         {"password=8c9a9c8d9a8b", "password=bebeb", "ok b.net|w.net:8443|(none)|11759|300|1000"},
-        {"[network]", "[x]", "no |||11758|120|0"}, {"[other]", "[x]", "no |||11758|120|0"},
-        {"[messages]", "[x]", "no |||11758|120|0"}, {"address=b.net", "address=", "no |||11758|120|0"},
+        {"[other]", "[x]", "no |||11758|120|0"}, {"[messages]", "[x]", "no |||11758|120|0"},
+        {"address=b.net", "address=", "no |||11758|120|0"},
         {"login=ivan\n", "", "no b.net|||11758|120|0"},
         {"password=8c9a9c8d9a8b", "password=", "no b.net|||11758|120|0"},
-        {"port=11759", "port=-5", "no b.net||secret|11758|120|0"},
         {"port=11759", "port=http", "no b.net||secret|11758|120|0"},
-        {"refresh_rate=300\n", "", "no b.net|w.net:8443|secret|11759|120|0"},
         {"refresh_rate=300", "refresh_rate=often", "no b.net|w.net:8443|secret|11759|120|0"},
-        {"switch_internet_on_start=1\n", "", "no b.net|w.net:8443|secret|11759|300|0"},
         {"switch_internet_on_exit=0\n", "", "no b.net|w.net:8443|secret|11759|300|0"},
         {"start_on_login=1", "start_on_login=true", "no b.net|w.net:8443|secret|11759|300|0"}};
     for (const auto& [from, to, expected] : cases) {
@@ -113,9 +122,8 @@ TEST_F(StorageTest, ConfigRoundTripsAndSavingOnlyTheMessageTimeKeepsTheRest)
     out.address = "10.0.0.1", out.webServerAddress = "stats.example.net, 2nd floor", out.port = 4000;
     out.login = QString::fromUtf8("иван_petrov"), out.password = QString::fromUtf8("пароль € \"x\" ;#=");
     out.lastMessageCheck = 1234567890, out.switchInternetOnExit = true, out.refreshRate = 600;
-    ASSERT_TRUE(out._save(true)); // the configuration directory does not exist yet
+    ASSERT_TRUE(out._save(true)); // the configuration folder does not exist yet
     EXPECT_EQ(mode(config), 0600);
-
     Config<QString> in;
     ASSERT_TRUE(in._load());
     EXPECT_EQ(QStringList({in.address, in.webServerAddress, in.login, in.password}),
@@ -138,7 +146,7 @@ TEST_F(StorageTest, MessageFileHoldsLengthPrefixedRecordsAndIsNeverLeftHalfWritt
     EXPECT_EQ(QString::fromStdString(finder.findFile(FileFinder::MessagesFile)), messages);
     EXPECT_TRUE(read(messages).isEmpty() && mode(messages) == 0600);
 
-    write(messages, field(QByteArray("ab\0cd", 5)) + field("text") + field("01.02.2007 10:00:00"));
+    write(messages, record(QByteArray("ab\0cd", 5)));
     {
         MessageCollector store(&finder);
         EXPECT_EQ(shown(store), "ab"); // cut at the zero byte
@@ -147,6 +155,7 @@ TEST_F(StorageTest, MessageFileHoldsLengthPrefixedRecordsAndIsNeverLeftHalfWritt
     EXPECT_EQ(read(messages), record("ab") + record(QByteArray(300, 'x')) + record("ab"));
     EXPECT_EQ(MessageCollector(&finder).currentIndex(), 2u);
 
+    // Damaged files: the whole records are kept and written back without the damage.
     const QByteArray two = record("s1") + record("s2");
     const std::pair<QByteArray, int> files[] = {
         {two + "xyz", 2}, {record("s1") + "\xff\xff\xff\xff" "rest", 1},
@@ -174,6 +183,52 @@ TEST_F(StorageTest, MessageFileHoldsLengthPrefixedRecordsAndIsNeverLeftHalfWritt
     EXPECT_FALSE(written);
     EXPECT_EQ(read(messages), record("old"));
     EXPECT_EQ(QDir(dir.filePath("data/zel5_tray")).entryList(QDir::Files), QStringList{"messages"}); // no copy left
+}
+
+// Before every save the store reads the file again: another program may have changed it.
+TEST_F(StorageTest, ReadingAgainTakesWhateverTheFileNowHoldsAndKeepsTheListWhenItIsGone)
+{
+    const QByteArray longer(100, 'L');
+    write(messages, record(longer, longer) + record("two", "t") + record(longer, "three"));
+    MessageCollector store(&finder);
+    ASSERT_EQ(store.count(), 3u);
+    // Fewer and shorter messages over longer ones, one cut at its zero byte.
+    write(messages, record(QByteArray("ab\0cd", 5), "x") + record("b", QByteArray(300, 'y')));
+    EXPECT_TRUE(store.synchronize(false));
+    EXPECT_EQ(listed(store), "ab|x\nb|" + std::string(300, 'y') + "\n");
+    // More than the list holds.
+    write(messages, record("1") + record("2") + record("3") + record("4"));
+    EXPECT_TRUE(store.synchronize(false));
+    EXPECT_EQ(store.count(), 4u);
+    EXPECT_EQ(store.currentIndex(), 3u);
+    // A file that cannot be read leaves the list as it was; an empty one empties it.
+    ASSERT_TRUE(QFile::remove(messages));
+    EXPECT_FALSE(store.synchronize(false));
+    EXPECT_EQ(store.count(), 4u);
+    write(messages, QByteArray());
+    EXPECT_TRUE(store.synchronize(false));
+    EXPECT_TRUE(store.empty());
+}
+
+TEST_F(StorageTest, StoresLargerThanTheWriteBufferRoundTripByteForByte)
+{
+    // Many buffer-fulls, empty strings, and one text far larger than the buffer that goes out on its own.
+    QByteArray expected;
+    {
+        MessageCollector store(&finder);
+        for (int i = 0; i < 1200; ++i) {
+            const std::string text = i == 600 ? std::string(700 * 1024, 'h') : i % 7 == 0 ? "" : std::string(620, 'a' + i % 26);
+            add(store, "Notice " + std::to_string(i), text);
+            expected += record(QByteArray::fromStdString("Notice " + std::to_string(i)), QByteArray::fromStdString(text));
+        }
+        ASSERT_TRUE(store.synchronize(true));
+        EXPECT_EQ(read(messages), expected);
+    }
+    MessageCollector again(&finder);
+    EXPECT_EQ(again.count(), 1200u);
+    EXPECT_TRUE(again.synchronize(false));
+    ASSERT_TRUE(again.synchronize(true));
+    EXPECT_EQ(read(messages), expected);
 }
 
 TEST_F(StorageTest, MessageCursorStopsAtBothEndsAndDeletingShowsTheNeighbour)
