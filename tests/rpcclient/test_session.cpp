@@ -1,40 +1,147 @@
-// The client session against the billing simulator on a loopback port: login
-// with and without channel protection, refusals, broken greetings, session
-// restore, calls, replies cut short, and the end of a session.
+// The client session against the billing simulator on a loopback port, or a
+// scripted server where the simulator cannot misbehave precisely enough:
+// login with and without channel protection and bounds, refusals, broken
+// greetings, restore, calls, replies cut short, stalls and hanging connects.
 #include "billingsim.h"
 #include "rpcclient.h"
+#include "rpctest.h"
 
-#include <gtest/gtest.h>
+#include <arpa/inet.h>
+#include <fcntl.h>
+#include <netinet/tcp.h>
+#include <poll.h>
 
-#include <memory>
-#include <string>
+#include <optional>
 
 using namespace ZEL;
+using namespace zel5test;
 using zel5sim::Fault;
 
 namespace {
 
-class SessionTest : public ::testing::Test {
-protected:
-    void SetUp() override { startSim(zel5sim::TlsMode::Asked); }
-
-    void startSim(zel5sim::TlsMode tls)
+// A loopback TCP socket on a port of its own, listening with the given
+// backlog, or not at all (-1): then connects to the port are refused.
+struct LoopbackPort {
+    int fd = ::socket(AF_INET, SOCK_STREAM, 0);
+    sockaddr_in addr{AF_INET, 0, {htonl(INADDR_LOOPBACK)}, {}};
+    int port = 0;
+    explicit LoopbackPort(int backlog)
     {
-        zel5sim::Options o;
-        o.port = 0; // ephemeral
-        o.tls = tls;
-        sim = std::make_unique<zel5sim::BillingSim>(o);
-        ASSERT_EQ(0, sim->start());
+        socklen_t n = sizeof addr;
+        ::bind(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr);
+        ::getsockname(fd, reinterpret_cast<sockaddr*>(&addr), &n);
+        port = ntohs(addr.sin_port);
+        if (backlog >= 0)
+            ::listen(fd, backlog);
+    }
+    ~LoopbackPort() { ::close(fd); }
+};
+
+// A listener whose queue is full: the system drops further connection requests, so a connect hangs.
+struct FullListener : LoopbackPort {
+    std::vector<int> queued;
+    bool full = false;
+    FullListener() : LoopbackPort(0)
+    {
+        for (int i = 0; i < 8 && !full; ++i) { // until a connect gets no answer
+            queued.push_back(::socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK, 0));
+            ::connect(queued.back(), reinterpret_cast<sockaddr*>(&addr), sizeof addr);
+            pollfd p{queued.back(), POLLOUT, 0};
+            full = ::poll(&p, 1, 300) == 0;
+        }
+    }
+    ~FullListener()
+    {
+        for (int s : queued)
+            ::close(s);
+    }
+};
+
+// A one-connection server that plays a script in its own thread, then holds
+// the connection until the test ends; a client still there after 5 s is cut off.
+class ScriptedServer : public LoopbackPort {
+public:
+    explicit ScriptedServer(std::function<void(ScriptedServer&)> script) : LoopbackPort(1)
+    {
+        player = std::jthread([this, script](std::stop_token st) {
+            stop = st;
+            if ((conn = ::accept(fd, nullptr, nullptr)) < 0)
+                return;
+            const timeval bound{5, 0}; // for each read
+            ::setsockopt(conn, SOL_SOCKET, SO_RCVTIMEO, &bound, sizeof bound);
+            script(*this);
+            pause(10000);
+        });
+    }
+    ~ScriptedServer()
+    {
+        player.request_stop();
+        ::shutdown(fd, SHUT_RDWR); // ends the wait in accept
+        cut();
+        player.join();
+        ::close(conn);
+    }
+    bool pause(int ms) { return delayPassed(stop, ms); }
+    void send(const Bytes& b) { ::send(conn, b.data(), b.size(), MSG_NOSIGNAL); }
+    void cut() { ::shutdown(conn, SHUT_RDWR); }
+    // The code of the client's next packet; -1 when none came whole.
+    int readPacket()
+    {
+        unsigned char head[4];
+        if (::recv(conn, head, 4, MSG_WAITALL) != 4 || (head[2] << 8 | head[3]) < 4)
+            return -1;
+        std::vector<unsigned char> body(static_cast<std::size_t>((head[2] << 8 | head[3]) - 4));
+        return ::recv(conn, body.data(), body.size(), MSG_WAITALL) == ssize_t(body.size()) ? head[0] : -1;
+    }
+    // Greets, takes the login request and accepts it granting ssl, each packet after delayMs.
+    bool login(int ssl, int delayMs = 0)
+    {
+        if (!pause(delayMs))
+            return false;
+        send(wirePacket(rc_session_init, {{ra_key, Bytes(16, 0x11)}, {ra_chap_challenge, Bytes(16, 0x22)}}));
+        if (readPacket() != rc_access_request || !pause(delayMs))
+            return false;
+        send(wirePacket(rc_access_accept, {{ra_ssl_request, {0, 0, 0, static_cast<unsigned char>(ssl)}}}));
+        return true;
     }
 
-    std::unique_ptr<RPCClient> client(const char* pass = "demo", int ssl = 0, const char* user = "demo")
+private:
+    std::atomic<int> conn{-1};
+    std::stop_token stop;
+    std::jthread player;
+    Watchdog dog{5000, "the scripted server's client", [this] { cut(); }};
+};
+
+int intOption(int fd, int level, int name)
+{
+    int v = -1;
+    socklen_t n = sizeof v;
+    ::getsockopt(fd, level, name, &v, &n);
+    return v;
+}
+
+bool nonBlocking(int fd) { return (::fcntl(fd, F_GETFL) & O_NONBLOCK) != 0; }
+
+class SessionTest : public ::testing::Test {
+protected:
+    void SetUp() override { ASSERT_EQ(0, sim->start()); }
+
+    // port 0: the simulator's; ssl 1: TLS, 2: SSL3.
+    std::unique_ptr<RPCClient> client(int port = 0, int ssl = 0, const char* pass = "demo", const char* user = "demo")
     {
         auto c = std::make_unique<RPCClient>();
-        EXPECT_EQ(0, c->addr("127.0.0.1", static_cast<short>(sim->port())));
+        EXPECT_EQ(0, c->addr("127.0.0.1", static_cast<short>(port ? port : sim->port())));
         c->set_auth(user, pass);
         if (ssl != 0)
             ssl == 1 ? c->ssl_tls1() : c->ssl_ssl3();
         return c;
+    }
+
+    static void bound(RPCClient& c, int ms)
+    {
+        c.set_connect_timeout(ms);
+        c.set_timeout(ms);
+        c.set_call_timeout(ms);
     }
 
     static std::string keyText(const unsigned char* key) { char t[33]; RPCClient::_key_print(key, t); return t; }
@@ -58,34 +165,56 @@ protected:
         return text;
     }
 
-    std::unique_ptr<zel5sim::BillingSim> sim;
+    std::unique_ptr<zel5sim::BillingSim> sim = std::make_unique<zel5sim::BillingSim>(zel5sim::Options{.port = 0});
+    // Stopping the simulator closes its connections, which ends any wait.
+    Watchdog dog{15000, "the simulator", [this] { sim->stop(); }};
 };
 
-TEST_F(SessionTest, LoginPlainAndWithEitherProtectionThenCalls)
+} // namespace
+
+TEST_F(SessionTest, LoginPlainOrProtectedBoundedOrNotThenCallsAndClose)
 {
-    for (int ssl : {0, 1, 2}) {
-        SCOPED_TRACE(ssl);
-        auto c = client("demo", ssl);
-        ASSERT_EQ(0, c->open_session(0));
-        EXPECT_EQ(ssl, c->rpcstream().channel());
-        EXPECT_EQ(sim->issuedKeys().back(), keyText(c->get_skey().key));
-        // Several calls in one session; an unknown function ends the call, not the session.
-        EXPECT_EQ("5.1.9", version(*c));
-        EXPECT_EQ(ec_access, c->_call(-12345));
-        int term = 0;
-        EXPECT_EQ(0, c->packet().get_attr(ra_termination, term));
-        EXPECT_EQ(rtc_nofunc, term);
-        EXPECT_EQ(0, c->end_call());
-        EXPECT_EQ("5.1.9", version(*c));
+    const std::atomic<bool> never{false};
+    for (bool bounded : {false, true}) {
+        for (int ssl : {0, 1, 2}) {
+            SCOPED_TRACE(std::string(bounded ? "bounded" : "unbounded") + ", ssl " + std::to_string(ssl));
+            auto c = client(0, ssl);
+            if (bounded) {
+                bound(*c, 2000);
+                c->set_cancel(&never);
+            }
+            ASSERT_EQ(0, c->open_session(0));
+            EXPECT_EQ(0, c->last_error());
+            EXPECT_EQ(ssl, c->rpcstream().channel());
+            EXPECT_EQ(bounded, nonBlocking(c->rpcstream().sock()));
+            EXPECT_EQ(sim->issuedKeys().back(), keyText(c->get_skey().key));
+            // Several calls in one session; an unknown function ends the call, not the session.
+            EXPECT_EQ("5.1.9", version(*c));
+            EXPECT_EQ(ec_access, c->_call(-12345));
+            int term = 0;
+            EXPECT_EQ(0, c->packet().get_attr(ra_termination, term));
+            EXPECT_EQ(rtc_nofunc, term);
+            EXPECT_EQ(0, c->end_call());
+            EXPECT_EQ("5.1.9", version(*c));
+            EXPECT_EQ(0, c->close_session());
+            EXPECT_TRUE(sim->waitFor([&] { return sim->lastTermination() == rtc_user; }));
+            EXPECT_TRUE(sim->waitFor([&] { return sim->activeConnections() == 0; }));
+        }
     }
+    // A connect bound alone leaves the socket blocking, as the unbounded stream needs it.
+    auto connectOnly = client();
+    connectOnly->set_connect_timeout(2000);
+    ASSERT_EQ(0, connectOnly->open_session(0));
+    EXPECT_FALSE(nonBlocking(connectOnly->rpcstream().sock()));
+    EXPECT_EQ("5.1.9", version(*connectOnly));
 }
 
 TEST_F(SessionTest, RefusedLoginsAndBrokenGreetings)
 {
-    auto wrongPassword = client("wrong");
+    auto wrongPassword = client(0, 0, "wrong");
     EXPECT_EQ(ec_access, wrongPassword->open_session(0));
     EXPECT_EQ(0, wrongPassword->connected());
-    EXPECT_EQ(ec_access, client("demo", 0, "nobody")->open_session(0));
+    EXPECT_EQ(ec_access, client(0, 0, "demo", "nobody")->open_session(0));
 
     sim->addFault({Fault::Stage::Greeting, Fault::Kind::WrongCode, 0, 0, rc_access_request});
     sim->addFault({Fault::Stage::Greeting, Fault::Kind::WrongVersion, 0, 0, 0x24});
@@ -110,16 +239,32 @@ TEST_F(SessionTest, RefusedLoginsAndBrokenGreetings)
     const std::vector<unsigned char> req = sim->lastLoginRequest();
     ASSERT_GE(req.size(), 4u + 8u + 20u);
     EXPECT_EQ(sim->issuedKeys().back(), keyText(&req[4 + 8 + 4]));
+
+    // Channel protection that fails is a refusal; one the server does not offer leaves the channel plain.
+    zel5sim::BillingSim failing{zel5sim::Options{.port = 0, .tls = zel5sim::TlsMode::Fail}};
+    ASSERT_EQ(0, failing.start());
+    EXPECT_EQ(ec_access, client(failing.port(), 1)->open_session(0));
+    zel5sim::BillingSim plainOnly{zel5sim::Options{.port = 0, .tls = zel5sim::TlsMode::None}};
+    ASSERT_EQ(0, plainOnly.start());
+    auto plain = client(plainOnly.port(), 2);
+    EXPECT_EQ(0, plain->open_session(0));
+    EXPECT_EQ(0, plain->rpcstream().channel());
+    EXPECT_EQ("5.1.9", version(*plain));
 }
 
-TEST_F(SessionTest, RestoreOnlyASessionTheServerAccepted)
+TEST_F(SessionTest, ADroppedSessionTakesNoCallsAndOnlyAnAcceptedOneIsRestored)
 {
     auto first = client();
     ASSERT_EQ(0, first->open_session(0));
     const std::string key = sim->issuedKeys().back();
-    first->drop_session();
+    EXPECT_EQ(0, first->drop_session());
+    EXPECT_TRUE(sim->waitFor([&] { return sim->lastTermination() == rtc_drop; }));
+    EXPECT_EQ(ec_inval, first->_call(-69));
+    EXPECT_EQ(ec_inval, first->drop_session());
+    EXPECT_EQ(ec_inval, RPCClient()._call(-69)) << "a client never connected";
 
     auto restored = client();
+    bound(*restored, 2000);
     EXPECT_EQ(0, restored->restore_session(key.c_str(), 0));
     EXPECT_EQ(key, keyText(restored->get_skey().key));
     EXPECT_EQ("5.1.9", version(*restored));
@@ -127,9 +272,9 @@ TEST_F(SessionTest, RestoreOnlyASessionTheServerAccepted)
     auto unknown = client();
     EXPECT_EQ(ec_access, unknown->restore_session("00112233445566778899aabbccddeeff", 0));
     EXPECT_EQ(0, unknown->connected());
-    EXPECT_EQ(ec_access, client("nope")->restore_session(key.c_str(), 0));
+    EXPECT_EQ(ec_access, client(0, 0, "nope")->restore_session(key.c_str(), 0));
     // A key that was greeted with but never logged in is no session.
-    EXPECT_EQ(ec_access, client("wrong")->open_session(0));
+    EXPECT_EQ(ec_access, client(0, 0, "wrong")->open_session(0));
     EXPECT_EQ(ec_access, client()->restore_session(sim->issuedKeys().back().c_str(), 0));
 }
 
@@ -149,35 +294,173 @@ TEST_F(SessionTest, ReplyCutAtAnyByteFailsTheCall)
     }
 }
 
-TEST_F(SessionTest, FailedOrRefusedProtection)
+TEST_F(SessionTest, StalledLoginWaitsEndAtTheirBoundOrSoonAfterTheCancelFlagIsSet)
 {
-    startSim(zel5sim::TlsMode::Fail);
-    EXPECT_EQ(ec_access, client("demo", 1)->open_session(0));
+    struct Case {
+        Fault::Stage stage;
+        bool restore, byFlag;
+    };
+    for (const Case& k : {Case{Fault::Stage::Greeting, false, false}, {Fault::Stage::Greeting, true, false},
+                          {Fault::Stage::LoginAnswer, false, false}, {Fault::Stage::LoginAnswer, true, false},
+                          {Fault::Stage::Greeting, false, true}}) {
+        SCOPED_TRACE(std::string(k.stage == Fault::Stage::Greeting ? "greeting" : "answer") +
+                     (k.restore ? ", restore" : ", login") + (k.byFlag ? ", cancel flag without bound" : ""));
+        sim->addFault({k.stage, Fault::Kind::Stall}); // until the simulator stops
+        auto c = client();
+        std::atomic<bool> flag{false};
+        std::optional<Canceller> canceller;
+        if (k.byFlag) {
+            c->set_cancel(&flag);
+            canceller.emplace(flag, 100);
+        } else {
+            c->set_timeout(200);
+        }
+        const auto t0 = Clock::now();
+        EXPECT_EQ(ec_badmsg, k.restore ? c->restore_session("00112233445566778899aabbccddeeff", 0)
+                                       : c->open_session(0));
+        EXPECT_TRUE(k.byFlag ? canceller->endedSoonAfterSet() : endedAtBound(t0, 200));
+        EXPECT_EQ(k.byFlag ? ec_pipe : ec_timedout, c->last_error());
+        EXPECT_EQ(!k.byFlag, c->rpcstream().timed_out());
+        EXPECT_EQ(0, c->connected());
+    }
 
-    startSim(zel5sim::TlsMode::None);
-    auto plain = client("demo", 2);
-    EXPECT_EQ(0, plain->open_session(0));
-    EXPECT_EQ(0, plain->rpcstream().channel());
-    EXPECT_EQ("5.1.9", version(*plain));
+    // The TLS handshake after the acceptance: the client's hello is never answered.
+    ScriptedServer server([](ScriptedServer& s) { s.login(rsr_ssl_tls1); });
+    auto c = client(server.port, 1);
+    c->set_timeout(200);
+    const auto t0 = Clock::now();
+    EXPECT_EQ(ec_access, c->open_session(0));
+    EXPECT_TRUE(endedAtBound(t0, 200));
+    EXPECT_EQ(ec_timedout, c->last_error());
+    EXPECT_TRUE(c->rpcstream().timed_out());
 }
 
-TEST_F(SessionTest, EndingTheSession)
+TEST_F(SessionTest, EachLoginWaitHasABoundOfItsOwn)
 {
-    auto dropped = client();
-    ASSERT_EQ(0, dropped->open_session(0));
-    EXPECT_EQ(0, dropped->drop_session());
-    EXPECT_TRUE(sim->waitFor([&] { return sim->lastTermination() == rtc_drop; }));
-    EXPECT_EQ(ec_inval, dropped->_call(-69));
-    EXPECT_EQ(ec_inval, dropped->drop_session());
-
-    auto closed = client("demo", 2);
-    ASSERT_EQ(0, closed->open_session(0));
-    EXPECT_EQ(0, closed->close_session());
-    EXPECT_TRUE(sim->waitFor([&] { return sim->lastTermination() == rtc_user; }));
-    EXPECT_TRUE(sim->waitFor([&] { return sim->activeConnections() == 0; }));
-
-    RPCClient never;
-    EXPECT_EQ(ec_inval, never._call(-69));
+    // Greeting and answer each after 250 ms: 500 ms in all, over the 400 each wait alone keeps.
+    ScriptedServer server([](ScriptedServer& s) { s.login(0, 250); });
+    auto c = client(server.port);
+    c->set_timeout(400);
+    const auto t0 = Clock::now();
+    EXPECT_EQ(0, c->open_session(0));
+    EXPECT_GE(msSince(t0), 500);
+    EXPECT_EQ(0, c->last_error());
 }
 
-} // namespace
+TEST_F(SessionTest, CallBoundCoversTheWholeCall)
+{
+    // The acknowledgement at once, a value after 200 ms, then silence: 500 ms from _call, not from each wait.
+    ScriptedServer server([](ScriptedServer& s) {
+        if (s.login(0) && s.readPacket() == rc_session_call) {
+            s.send(wirePacket(rc_session_data, {{ra_call, hexBytes("FFFFFFBB")}}));
+            if (s.pause(200))
+                s.send(wireData({"00000007"}));
+        }
+    });
+    auto c = client(server.port);
+    c->set_call_timeout(500);
+    ASSERT_EQ(0, c->open_session(0));
+    const auto t0 = Clock::now();
+    ASSERT_EQ(0, c->_call(-69));
+    EXPECT_EQ(7, next<int>(c->rpcstream()));
+    EXPECT_EQ(ec_badmsg, c->end_call());
+    EXPECT_TRUE(endedAtBound(t0, 500));
+    EXPECT_LT(msSince(t0), 650) << "the wait for the end got a bound of its own";
+    EXPECT_TRUE(c->rpcstream().timed_out());
+}
+
+TEST_F(SessionTest, StalledCallEndsAtTheCallBoundAndTheDropDoesNotWait)
+{
+    sim->addFault({Fault::Stage::Call, Fault::Kind::Stall, -69});
+    std::atomic<bool> net{false}; // a safety net only: the drop must not need it
+    auto c = client();
+    ASSERT_EQ(0, c->open_session(0));
+    c->set_cancel(&net);
+    Canceller canceller(net, 3000);
+    c->set_call_timeout(200);
+    const auto t0 = Clock::now();
+    EXPECT_EQ(ec_access, c->_call(-69));
+    EXPECT_TRUE(endedAtBound(t0, 200));
+    EXPECT_TRUE(c->rpcstream().timed_out());
+    EXPECT_EQ(ec_badmsg, c->end_call());
+
+    // Fill the socket until it takes not even a few bytes after a quiet 100 ms: no goodbye goes out.
+    const int fd = c->rpcstream().sock();
+    const int small = 16384;
+    ::setsockopt(fd, SOL_SOCKET, SO_SNDBUF, &small, sizeof small);
+    const std::vector<char> junk(65536, 'x');
+    bool full = false;
+    for (int i = 0; i < 50 && !full; ++i) {
+        for (int n = 0; n < 1000 && ::send(fd, junk.data(), junk.size(), MSG_DONTWAIT | MSG_NOSIGNAL) > 0; ++n) {
+        }
+        pollfd p{fd, POLLOUT, 0};
+        full = ::poll(&p, 1, 100) == 0 && ::send(fd, junk.data(), 16, MSG_DONTWAIT | MSG_NOSIGNAL) < 0;
+    }
+    ASSERT_TRUE(full) << "the socket never stopped taking data";
+    const auto t1 = Clock::now();
+    EXPECT_EQ(0, c->drop_session());
+    EXPECT_LT(msSince(t1), 100) << "leaving waited for the stalled server";
+    EXPECT_FALSE(net.load());
+}
+
+TEST_F(SessionTest, ConnectsThatHangOrAreRefused)
+{
+    FullListener full;
+    ASSERT_TRUE(full.full) << "the listener's queue never filled";
+    // A listener shut down refuses the connect's next retry.
+    Watchdog listenerDog(5000, "the connect", [fd = full.fd] { ::shutdown(fd, SHUT_RDWR); });
+    auto bounded = client(full.port);
+    bounded->set_connect_timeout(200);
+    const auto t0 = Clock::now();
+    EXPECT_EQ(ec_inval, bounded->connect());
+    EXPECT_TRUE(endedAtBound(t0, 200));
+    EXPECT_EQ(ec_timedout, bounded->last_error());
+    EXPECT_EQ(0, bounded->connected());
+
+    std::atomic<bool> flag{false};
+    auto cancelled = client(full.port);
+    cancelled->set_cancel(&flag);
+    Canceller canceller(flag, 100);
+    EXPECT_EQ(ec_inval, cancelled->open_session(0));
+    EXPECT_TRUE(canceller.endedSoonAfterSet());
+    EXPECT_EQ(ec_pipe, cancelled->last_error());
+
+    // Refused, with and without bounds; the same client then succeeds.
+    const LoopbackPort refusing(-1);
+    const std::atomic<bool> never{false};
+    for (bool bounds : {false, true}) {
+        SCOPED_TRACE(bounds ? "bounded" : "unbounded");
+        auto c = client(refusing.port);
+        if (bounds) {
+            c->set_connect_timeout(1000);
+            c->set_cancel(&never);
+        }
+        EXPECT_EQ(ec_inval, c->open_session(0));
+        EXPECT_EQ(ECONNREFUSED, c->last_error());
+        EXPECT_EQ(0, c->connected());
+        ASSERT_EQ(0, c->addr("127.0.0.1", static_cast<short>(sim->port())));
+        EXPECT_EQ(0, c->open_session(0));
+        EXPECT_EQ(0, c->last_error());
+    }
+}
+
+TEST_F(SessionTest, KeepaliveReachesTheSocketOnlyWhenFullySet)
+{
+    const int cases[][3] = {{30, 5, 4}, {0, 0, 0}, {0, 5, 4}, {10, 3, 0}};
+    for (const auto& k : cases) {
+        SCOPED_TRACE(std::to_string(k[0]) + "/" + std::to_string(k[1]) + "/" + std::to_string(k[2]));
+        const bool on = k[0] > 0 && k[1] > 0 && k[2] > 0;
+        auto c = client();
+        c->set_keepalive(k[0], k[1], k[2]);
+        ASSERT_EQ(0, c->connect());
+        const int fd = c->rpcstream().sock();
+        EXPECT_EQ(on ? 1 : 0, intOption(fd, SOL_SOCKET, SO_KEEPALIVE));
+        if (on) {
+            EXPECT_EQ(k[0], intOption(fd, IPPROTO_TCP, TCP_KEEPIDLE));
+            EXPECT_EQ(k[1], intOption(fd, IPPROTO_TCP, TCP_KEEPINTVL));
+            EXPECT_EQ(k[2], intOption(fd, IPPROTO_TCP, TCP_KEEPCNT));
+        }
+        EXPECT_EQ(1, intOption(fd, IPPROTO_TCP, TCP_NODELAY));
+        c->disconnect();
+    }
+}

@@ -1,31 +1,70 @@
-// The packet stream over real sockets: typed values in both directions,
-// refills across packet boundaries, and how receive failures turn into the
-// stream's error flags.
-#include "rpc2stream.h"
-#include "streampair.h"
+// The packet stream over local sockets: typed values in both directions,
+// refills across packets, receive failures as the stream's error flags, the
+// buffer a received packet lives in, the TLS channel, and the bounded mode in
+// which a deadline or a cancel flag ends every kind of wait.
+#include "rpc2packet.h"
+#include "rpctest.h"
 
-#include <gtest/gtest.h>
+#include <fcntl.h>
 
 #include <climits>
+#include <csignal>
 #include <numbers>
 #include <numeric>
-#include <thread>
+#include <optional>
 
 using namespace ZEL;
 using namespace zel5test;
 
 namespace {
 
-// Reads one blob with data_get_new and frees the array the stream handed out.
-Bytes blob(RPC2Stream& s, int expected = 0)
+Bytes text(const std::string& s) { return Bytes(s.begin(), s.end()); }
+
+bool nonBlocking(int fd) { return (::fcntl(fd, F_GETFL) & O_NONBLOCK) != 0; }
+
+void smallSendBuffer(int fd)
 {
-    char* data = nullptr;
-    int len = -1;
-    EXPECT_EQ(s.data_get_new(data, len), expected);
-    Bytes out(data, data + (data ? len : 0));
-    delete[] data;
-    return out;
+    const int small = 4096;
+    ::setsockopt(fd, SOL_SOCKET, SO_SNDBUF, &small, sizeof small);
 }
+
+// The largest value one packet holds.
+Bytes bigValue()
+{
+    Bytes big(rpc2_max_attr_region - 4 - 8);
+    std::iota(big.begin(), big.end(), 0);
+    return big;
+}
+
+// One packet: the largest value, then the int 9.
+int sendBig(RPC2Stream& s)
+{
+    const Bytes big = bigValue();
+    RPC2Packet p;
+    p.code(rc_session_data);
+    p.put_data(reinterpret_cast<const char*>(big.data()), static_cast<int>(big.size()));
+    p.put_data("\0\0\0\x09", 4);
+    s << p;
+    return 0;
+}
+
+// Two streams with a TLS channel between them, set up with blocking sockets.
+struct TlsPair {
+    SocketPair sp;
+    RPC2Stream client{sp.release(0), nullptr};
+    std::unique_ptr<RPC2Stream> server = std::make_unique<RPC2Stream>(sp.release(1), nullptr);
+    Watchdog dog{5000, "the TLS pair", [fd = client.sock()] { ::shutdown(fd, SHUT_RDWR); }};
+    bool ready = false;
+
+    TlsPair()
+    {
+        int accepted = -1;
+        std::jthread other([&] { accepted = server->__ssl_accept(serverCtx(), rsr_ssl_tls1); });
+        const int connected = client.ssl_connect(rsr_ssl_tls1);
+        other.join();
+        ready = connected == 0 && accepted == 0;
+    }
+};
 
 } // namespace
 
@@ -44,11 +83,9 @@ TEST(StreamOutput, ValuesLeaveAsOneDataPacketAndReadBackAsPut)
     s.stream.end_output();
     const Bytes longs = s.sp.readPeer();
     EXPECT_EQ(longs, hexBytes("C8 23 00 14 05 00 00 08 80 00 00 00 05 00 00 08 00 00 40 26"));
-    // Without values nothing goes out, also right after a send.
     s.stream.end_output();
-    EXPECT_TRUE(s.sp.readPeer().empty());
+    EXPECT_TRUE(s.sp.readPeer().empty()) << "an empty packet went out";
 
-    // Echoed back, the values read as they were put.
     s.sp.writePeer(concat({ints, longs}));
     EXPECT_EQ(next<int>(s.stream), 1);
     EXPECT_EQ(next<long>(s.stream), -2);
@@ -63,6 +100,14 @@ TEST(StreamInput, ReadsEveryTypedValueAcrossPacketsUntilAReplyWithoutData)
     s.sp.writePeer(concat({wireData({"00000001", "FFFFFFBB", "FFFFFFFE", "FFFFFFFE"}),
                            wireData({"0000000000000001", "0000000100000002", "FFFFFFFFFFFFFFFE", "8000000000000000",
                                      "3FF0000000000000", "C004000000000000", "400921FB54442D18", "616263"}),
+                           // Control attributes between the values stay for the session to inspect.
+                           wirePacket(rc_session_data, {{ra_termination, hexBytes("00000004")},
+                                                        {ra_data, hexBytes("FFFFFFFE")},
+                                                        {ra_call, hexBytes("FFFFBFDA")},
+                                                        {ra_data, text("Local")},
+                                                        {ra_data, Bytes()},
+                                                        {ra_call, hexBytes("00000001")},
+                                                        {ra_data, text(std::string(300, 'x'))}}),
                            wireData({"00000005", "00000006"}), wireData({}), wireData({}),
                            hexBytes("CB 23 00 0C 04 00 00 08 00 00 00 06")}));
     EXPECT_EQ(next<int>(s.stream), 1);
@@ -78,6 +123,15 @@ TEST(StreamInput, ReadsEveryTypedValueAcrossPacketsUntilAReplyWithoutData)
     EXPECT_EQ(next<double>(s.stream), -2.5);
     EXPECT_EQ(next<double>(s.stream), std::numbers::pi);
     EXPECT_EQ(blob(s.stream), hexBytes("61 62 63"));
+
+    EXPECT_EQ(next<int>(s.stream), -2);
+    EXPECT_EQ(next<std::string>(s.stream), "Local");
+    EXPECT_EQ(next<std::string>(s.stream), "");
+    EXPECT_EQ(next<std::string>(s.stream), std::string(300, 'x'));
+    int v = 0;
+    EXPECT_TRUE(s.stream.packet().find(ra_termination));
+    EXPECT_EQ(s.stream.packet().get_attr(ra_call, v), 0);
+    EXPECT_EQ(v, -16422) << "the first of a repeated control attribute";
 
     // end_input drops what is left of the current packet.
     EXPECT_EQ(next<int>(s.stream), 5);
@@ -98,7 +152,6 @@ TEST(StreamInput, WrongSizedValuesStayForTheNextRead)
     EXPECT_EQ(blob(s.stream), hexBytes("01 02 03 04 05"));
     // Eight bytes are no 32-bit number but are a 64-bit one.
     next<int>(s.stream, ec_inval);
-    next<long>(s.stream, ec_inval);
     next<unsigned int>(s.stream, ec_inval);
     EXPECT_EQ(next<long long>(s.stream), 7);
     // Nine bytes are too long for any number.
@@ -121,13 +174,10 @@ TEST(StreamReceive, ShortOrMalformedPacketsAreSessionErrorsThatStay)
         SCOPED_TRACE(hex);
         StreamOnPair s;
         s.sp.writePeer(concat({wireData({"00000029"}), hexBytes(hex)}));
-        // The close bounds every read the stream might wrongly attempt.
-        s.sp.closePeer();
+        s.sp.closePeer(); // bounds every read the stream might wrongly attempt
         EXPECT_EQ(next<int>(s.stream), 41);
-        EXPECT_TRUE(s.stream.good());
         next<int>(s.stream, ec_inval);
         EXPECT_EQ(s.stream.error_flags_word(), RPC2Stream::ef_session);
-        EXPECT_NE(s.stream.bad(), 0);
         // Discarding packets or reading again never clears the flags.
         s.stream.end_input();
         s.stream.clear();
@@ -135,42 +185,206 @@ TEST(StreamReceive, ShortOrMalformedPacketsAreSessionErrorsThatStay)
         EXPECT_EQ(s.stream.recv_packet(), ec_inval);
         EXPECT_EQ(s.stream.listen(), 0);
     }
-}
 
-TEST(StreamReceive, QuietLineTimesOutAndHangUpIsASocketError)
-{
+    // A quiet line is "not yet"; an unconnected socket reports hang-up and never any input.
     StreamOnPair quiet;
     EXPECT_EQ(quiet.stream.poll(), ec_timedout);
     EXPECT_EQ(quiet.stream.recv_packet(), ec_timedout);
     EXPECT_TRUE(quiet.stream.good());
-
-    // An unconnected stream socket reports hang-up and never any input.
-    RPC2Stream stream(::socket(AF_UNIX, SOCK_STREAM, 0), nullptr);
-    EXPECT_EQ(stream.poll(), -ec_inval);
-    EXPECT_EQ(stream.recv_packet(), ec_inval);
-    EXPECT_EQ(stream.error_flags_word(), RPC2Stream::ef_socket);
-    EXPECT_NE(stream.bad(), 0);
-    next<int>(stream, ec_inval);
-    EXPECT_EQ(stream.listen(), 0);
-    EXPECT_EQ(stream.error_flags_word(), RPC2Stream::ef_socket);
+    RPC2Stream unconnected(::socket(AF_UNIX, SOCK_STREAM, 0), nullptr);
+    EXPECT_EQ(unconnected.poll(), -ec_inval);
+    EXPECT_EQ(unconnected.recv_packet(), ec_inval);
+    next<int>(unconnected, ec_inval);
+    EXPECT_EQ(unconnected.listen(), 0);
+    EXPECT_EQ(unconnected.error_flags_word(), RPC2Stream::ef_socket);
 }
 
-TEST(StreamReceive, PacketsArrivingInPiecesAreReadWhole)
+TEST(StreamBuffer, APacketHeldInTheStreamsBufferOutlivesTheBuffersReuse)
 {
     StreamOnPair s;
-    const int small = 4096;
-    ASSERT_EQ(::setsockopt(s.sp.peer(), SOL_SOCKET, SO_SNDBUF, &small, sizeof small), 0);
-    // As large as the attribute region allows, far above the socket buffer.
-    Bytes big(32768 - 4 - 8);
-    std::iota(big.begin(), big.end(), 0);
-    const Bytes wire = wirePacket(rc_session_data, {{ra_data, big}, {ra_data, hexBytes("00000009")}});
-    std::thread writer([&] { s.sp.writePeer(wire); });
-    const Bytes got = blob(s.stream);
-    const int v = got.empty() ? 0 : next<int>(s.stream);
-    // A stream that gave up early leaves the writer blocked; shutting down unblocks it.
-    if (got.size() != big.size() || !s.stream.good())
-        ::shutdown(s.stream.sock(), SHUT_RDWR);
-    writer.join();
-    EXPECT_EQ(got, big);
-    EXPECT_EQ(v, 9);
+    s.sp.writePeer(wireData({"00000001", "00000002", "00000003"}));
+    EXPECT_EQ(next<int>(s.stream), 1);
+    // Sending writes the buffer the packet was received into.
+    for (int i = 0; i < 4; ++i)
+        ASSERT_EQ(s.stream.data_put<int>(0x0A0B0C0D), 0);
+    s.stream.end_output();
+    EXPECT_EQ(s.sp.readPeer(), wireData({"0A0B0C0D", "0A0B0C0D", "0A0B0C0D", "0A0B0C0D"}));
+    EXPECT_EQ(next<int>(s.stream), 2);
+    EXPECT_EQ(next<int>(s.stream), 3);
+
+    // Adding to the input packet keeps its unread values.
+    s.sp.writePeer(wireData({"00000005", "00000006"}));
+    EXPECT_EQ(next<int>(s.stream), 5);
+    ASSERT_EQ(s.stream.packet().put_data("tail", 4), 0);
+    EXPECT_EQ(next<int>(s.stream), 6);
+    EXPECT_EQ(next<std::string>(s.stream), "tail");
+
+    // Receiving the next packet, here one that never arrives whole, leaves
+    // the value not yet read as it was.
+    s.sp.writePeer(wireData({"00000007", "00000008"}));
+    EXPECT_EQ(next<int>(s.stream), 7);
+    s.sp.writePeer(concat({hexBytes("C8 23 00 64"), Bytes(40, 0xFF)}));
+    s.sp.closePeer();
+    EXPECT_EQ(s.stream.recv_packet(), ec_inval);
+    char buf[8];
+    int len = sizeof buf;
+    ASSERT_EQ(s.stream.packet().get_data(buf, len), 0);
+    EXPECT_EQ(std::string(buf, len), std::string("\0\0\0\x08", 4));
+}
+
+TEST(StreamTls, AQuietChannelIsNotYetWhatCameIsReadAndAPeerThatLeftFailsTheWriteWithoutASignal)
+{
+    TlsPair t;
+    ASSERT_TRUE(t.ready);
+    const auto t0 = Clock::now();
+    EXPECT_EQ(t.client.recv_packet(), ec_timedout);
+    EXPECT_LT(msSince(t0), 2000) << "looking for input waited";
+    for (int v : {7, 8}) {
+        t.server->data_put<int>(v);
+        t.server->end_output();
+    }
+    EXPECT_EQ(next<int>(t.client), 7);
+    EXPECT_EQ(next<int>(t.client), 8);
+    EXPECT_TRUE(t.client.good());
+
+    static std::atomic<int> raised{0};
+    struct sigaction count{}, old{};
+    count.sa_handler = [](int) { raised.fetch_add(1); };
+    sigemptyset(&count.sa_mask);
+    ASSERT_EQ(::sigaction(SIGPIPE, &count, &old), 0);
+    t.server.reset(); // closes its end
+    RPC2Packet p;
+    p.code(rc_session_data);
+    p.put_data(1);
+    for (int i = 0; i < 3; ++i)
+        t.client << p;
+    ::sigaction(SIGPIPE, &old, nullptr);
+    EXPECT_EQ(raised.load(), 0);
+}
+
+// Every kind of wait, after what the peer sent first, and its result when it fails.
+struct Wait {
+    const char* name;
+    const char* sent;
+    int (*run)(RPC2Stream&);
+    int failed;
+};
+
+const Wait waits[] = {
+    {"listen, nothing sent", "", [](RPC2Stream& s) { return s.listen(); }, 0},
+    {"listen, half a header", "C8 23", [](RPC2Stream& s) { return s.listen(); }, 0},
+    {"recv_packet, a header", "C8 23 00 10", [](RPC2Stream& s) { return s.recv_packet(); }, ec_inval},
+    {"data_get<long long>, part of the body", "C8 23 00 10 05 00 00 08 00",
+     [](RPC2Stream& s) { long long v; return s.data_get(v); }, ec_inval},
+    {"data_get_new, nothing sent", "",
+     [](RPC2Stream& s) { char* d = nullptr; int n = 0; const int r = s.data_get_new(d, n); delete[] d; return r; },
+     ec_inval},
+    {"send, peer reads nothing", "", [](RPC2Stream& s) { smallSendBuffer(s.sock()); return sendBig(s); }, 0},
+    {"TLS client handshake", "", [](RPC2Stream& s) { return s.ssl_connect(rsr_ssl_tls1); }, ec_access},
+    {"TLS server handshake", "", [](RPC2Stream& s) { return s.__ssl_accept(serverCtx(), rsr_ssl_tls1); },
+     ec_access},
+};
+
+TEST(BoundedStream, EveryWaitEndsAtTheDeadlineOrSoonAfterTheCancelFlagIsSet)
+{
+    for (const bool byFlag : {false, true}) {
+        for (const Wait& w : waits) {
+            SCOPED_TRACE(std::string(w.name) + (byFlag ? ", cancel flag without deadline" : ", deadline"));
+            StreamOnPair s;
+            s.sp.writePeer(hexBytes(w.sent));
+            std::atomic<bool> flag{false};
+            std::optional<Canceller> canceller;
+            const auto t0 = Clock::now();
+            if (byFlag) {
+                s.stream.set_cancel(&flag);
+                canceller.emplace(flag, 100);
+            } else {
+                s.stream.set_timeout(100);
+            }
+            EXPECT_EQ(w.run(s.stream), w.failed);
+            EXPECT_TRUE(byFlag ? canceller->endedSoonAfterSet() : endedAtBound(t0, 100));
+            EXPECT_EQ(s.stream.error_flags_word(), RPC2Stream::ef_socket | (byFlag ? 0 : RPC2Stream::ef_timedout));
+            EXPECT_EQ(s.stream.error(), byFlag ? ec_pipe : ec_timedout);
+            EXPECT_EQ(s.stream.timed_out(), !byFlag);
+        }
+    }
+}
+
+TEST(BoundedStream, TricklingPeerDoesNotStretchTheDeadline)
+{
+    StreamOnPair s;
+    // 256 bytes announced, one every 20 ms: five seconds if each renewed the wait.
+    const Bytes wire = concat({hexBytes("C8 23 01 00"), Bytes(252, 0)});
+    std::jthread writer([&](std::stop_token stop) {
+        for (unsigned char b : wire)
+            if (::send(s.sp.peer(), &b, 1, MSG_NOSIGNAL) != 1 || !delayPassed(stop, 20))
+                return;
+    });
+    const auto t0 = Clock::now();
+    s.stream.set_timeout(200);
+    EXPECT_EQ(s.stream.listen(), 0);
+    EXPECT_TRUE(endedAtBound(t0, 200));
+    EXPECT_TRUE(s.stream.timed_out());
+}
+
+TEST(BoundedStream, SocketTurnsNonBlockingOnceBoundedAndADisarmedDeadlineIsGone)
+{
+    StreamOnPair s;
+    s.stream.set_timeout(0);
+    s.stream.set_timeout(-5);
+    s.stream.set_cancel(nullptr);
+    EXPECT_FALSE(nonBlocking(s.stream.sock())) << "an unbounded stream needs its blocking socket";
+    s.stream.set_timeout(1);
+    EXPECT_TRUE(nonBlocking(s.stream.sock()));
+    // Past, but disarmed: the next read succeeds.
+    std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    s.stream.set_timeout(0);
+    s.sp.writePeer(wireData({"0000002A"}));
+    EXPECT_EQ(next<int>(s.stream), 42);
+    EXPECT_TRUE(s.stream.good());
+    // A socket handed over later follows the mode.
+    SocketPair other;
+    const int old = s.stream.sock();
+    s.stream.sock(other.release(0));
+    ::close(old);
+    EXPECT_TRUE(nonBlocking(s.stream.sock()));
+}
+
+TEST(BoundedStream, LargePacketsTravelWholeInPiecesUnboundedBoundedAndOverTls)
+{
+    for (const char* mode : {"unbounded", "bounded", "TLS"}) {
+        SCOPED_TRACE(mode);
+        SocketPair sp;
+        smallSendBuffer(sp.near());
+        smallSendBuffer(sp.peer());
+        RPC2Stream sender(sp.release(0), nullptr);
+        RPC2Stream receiver(sp.release(1), nullptr);
+        Watchdog dog(8000, "the packet", [a = sender.sock(), b = receiver.sock()] {
+            ::shutdown(a, SHUT_RDWR);
+            ::shutdown(b, SHUT_RDWR);
+        });
+        if (std::string(mode) != "unbounded") {
+            sender.set_timeout(5000);
+            receiver.set_timeout(5000);
+        }
+        if (std::string(mode) == "TLS") {
+            int accepted = -1;
+            std::jthread server([&] { accepted = receiver.__ssl_accept(serverCtx(), rsr_ssl_tls1); });
+            EXPECT_EQ(sender.ssl_connect(rsr_ssl_tls1), 0);
+            server.join();
+            ASSERT_EQ(accepted, 0);
+        }
+        Bytes got;
+        int nine = 0;
+        std::jthread reader([&] {
+            got = blob(receiver);
+            nine = next<int>(receiver);
+        });
+        sendBig(sender);
+        reader.join();
+        EXPECT_TRUE(sender.good());
+        EXPECT_TRUE(receiver.good());
+        EXPECT_EQ(got, bigValue());
+        EXPECT_EQ(nine, 9);
+    }
 }

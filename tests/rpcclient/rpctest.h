@@ -1,0 +1,214 @@
+// Protocol library test helpers: wire images written as hexadecimal so that
+// they read like a capture, a local socket pair and a stream on it, and
+// bounded waits (a deadline, a cancel flag set from another thread, a
+// watchdog that ends a wait the code under test failed to end).
+#ifndef ZEL5_TESTS_RPCTEST_H
+#define ZEL5_TESTS_RPCTEST_H
+
+#include "rpc2stream.h"
+#include "rpcctx.h"
+
+#include <gtest/gtest.h>
+#include <openssl/ssl.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <chrono>
+#include <condition_variable>
+#include <functional>
+#include <iomanip>
+#include <memory>
+#include <mutex>
+#include <sstream>
+#include <string>
+#include <thread>
+#include <utility>
+#include <vector>
+
+namespace zel5test {
+
+using Bytes = std::vector<unsigned char>;
+using Clock = std::chrono::steady_clock;
+
+// "C9 23 00 04" -> {0xC9, 0x23, 0x00, 0x04}; spaces are ignored.
+inline Bytes hexBytes(const std::string& hex)
+{
+    Bytes out;
+    std::istringstream in(hex);
+    for (std::string pair; in >> std::setw(2) >> pair;)
+        out.push_back(static_cast<unsigned char>(std::stoi(pair, nullptr, 16)));
+    return out;
+}
+
+inline Bytes concat(std::initializer_list<Bytes> parts)
+{
+    Bytes out;
+    for (const Bytes& p : parts)
+        out.insert(out.end(), p.begin(), p.end());
+    return out;
+}
+
+// A 4-byte head (b0, b1, big-endian size counting the head) and the body.
+inline Bytes sized(int b0, int b1, const Bytes& body)
+{
+    using u8 = unsigned char;
+    const std::size_t n = body.size() + 4;
+    return concat({{u8(b0), u8(b1), u8(n >> 8), u8(n)}, body});
+}
+
+// A whole packet built by hand, independent of the packet class under test.
+inline Bytes wirePacket(int code, const std::vector<std::pair<int, Bytes>>& attrs)
+{
+    Bytes body;
+    for (const auto& [c, payload] : attrs)
+        body = concat({body, sized(c, 0, payload)});
+    return sized(code, 0x23, body);
+}
+
+// A data packet (code 200) of values given in hexadecimal.
+inline Bytes wireData(std::initializer_list<const char*> values)
+{
+    std::vector<std::pair<int, Bytes>> attrs;
+    for (const char* v : values)
+        attrs.emplace_back(ZEL::ra_data, hexBytes(v));
+    return wirePacket(ZEL::rc_session_data, attrs);
+}
+
+inline long long msSince(Clock::time_point t0)
+{
+    return std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - t0).count();
+}
+
+// A wait started at t0 ended neither before its bound nor far after it.
+inline ::testing::AssertionResult endedAtBound(Clock::time_point t0, long long boundMs)
+{
+    const long long ms = msSince(t0);
+    if (ms < boundMs || ms >= 2000)
+        return ::testing::AssertionFailure() << "ended after " << ms << " ms, bound " << boundMs << " ms";
+    return ::testing::AssertionSuccess();
+}
+
+// In a helper thread: true once ms have passed, false as soon as it is asked to stop.
+inline bool delayPassed(std::stop_token stop, int ms)
+{
+    std::mutex m;
+    std::unique_lock<std::mutex> lock(m);
+    std::condition_variable_any cv;
+    cv.wait_for(lock, stop, std::chrono::milliseconds(ms), [] { return false; });
+    return !stop.stop_requested();
+}
+
+// Sets flag afterMs from now, from its own thread.
+class Canceller {
+public:
+    Canceller(std::atomic<bool>& flag, int afterMs)
+        : thread([this, &flag, afterMs](std::stop_token stop) {
+              if (!delayPassed(stop, afterMs))
+                  return;
+              setAt.store(Clock::now().time_since_epoch().count());
+              flag.store(true, std::memory_order_release);
+          })
+    {
+    }
+    // The wait ended within a poll round (and room for a loaded machine) of the flag being set.
+    ::testing::AssertionResult endedSoonAfterSet() const
+    {
+        const auto at = setAt.load();
+        const long long ms = at ? msSince(Clock::time_point(Clock::duration(at))) : -1;
+        if (ms < 0 || ms > 200)
+            return ::testing::AssertionFailure() << "ended " << ms << " ms after the flag was set (-1: before)";
+        return ::testing::AssertionSuccess();
+    }
+
+private:
+    std::atomic<Clock::rep> setAt{0};
+    std::jthread thread; // last: starts once setAt exists
+};
+
+// A test still waiting after ms fails, and rescue ends its wait; destroying the watchdog dismisses it.
+class Watchdog {
+public:
+    Watchdog(int ms, std::string what, std::function<void()> rescue)
+        : thread([ms, what = std::move(what), rescue = std::move(rescue)](std::stop_token stop) {
+              if (!delayPassed(stop, ms))
+                  return;
+              ADD_FAILURE() << "still waiting for " << what << " after " << ms << " ms";
+              rescue();
+          })
+    {
+    }
+
+private:
+    std::jthread thread;
+};
+
+// Two connected local stream sockets. An end handed to a stream, which closes
+// it itself, is released first; the pair closes only the ends it still owns.
+struct SocketPair {
+    int fds[2] = {-1, -1};
+    SocketPair() { socketpair(AF_UNIX, SOCK_STREAM, 0, fds); }
+    ~SocketPair() { ::close(fds[0]); ::close(fds[1]); } // a released end is -1
+    int near() const { return fds[0]; }
+    int peer() const { return fds[1]; }
+    int release(int end) { return std::exchange(fds[end], -1); }
+    void closePeer() { ::close(release(1)); }
+
+    // Writes every byte, blocking as needed; stops when the other end went away.
+    void writePeer(const Bytes& bytes) const
+    {
+        for (std::size_t done = 0; done < bytes.size();) {
+            const ssize_t n = ::send(fds[1], bytes.data() + done, bytes.size() - done, MSG_NOSIGNAL);
+            if (n <= 0)
+                return;
+            done += static_cast<std::size_t>(n);
+        }
+    }
+
+    // Everything queued at the peer's end; a local pair's writes are there as soon as they return.
+    Bytes readPeer() const
+    {
+        Bytes out(1 << 16);
+        const ssize_t n = ::recv(fds[1], out.data(), out.size(), MSG_DONTWAIT);
+        out.resize(n > 0 ? static_cast<std::size_t>(n) : 0);
+        return out;
+    }
+};
+
+// A stream on the near end of a fresh socket pair; still waiting after 5 s, its socket is shut down.
+struct StreamOnPair {
+    SocketPair sp;
+    ZEL::RPC2Stream stream{sp.release(0), nullptr};
+    Watchdog dog{5000, "the stream", [fd = stream.sock()] { ::shutdown(fd, SHUT_RDWR); }};
+};
+
+// Reads one value of type T, expecting the given result.
+template <typename T> T next(ZEL::RPC2Stream& s, int expected = 0)
+{
+    T v{};
+    EXPECT_EQ(s.data_get(v), expected);
+    return v;
+}
+
+// Reads one blob with data_get_new, expecting the given result, and frees the stream's array.
+inline Bytes blob(ZEL::RPC2Stream& s, int expected = 0)
+{
+    char* data = nullptr;
+    int len = 0;
+    const int r = s.data_get_new(data, len);
+    EXPECT_EQ(r, expected);
+    Bytes out(data, data + (data && r == 0 ? len : 0));
+    delete[] data;
+    return out;
+}
+
+inline SSL_CTX* serverCtx()
+{
+    static const std::unique_ptr<SSL_CTX, void (*)(SSL_CTX*)> ctx(ZEL::RPCCtx::new_server_adh_ctx(ZEL::rsr_ssl_tls1),
+                                                                   SSL_CTX_free);
+    return ctx.get();
+}
+
+} // namespace zel5test
+
+#endif
