@@ -1,5 +1,5 @@
-// Helpers of the simulator tests: a started simulator, a logged-in client,
-// typed reads that fail the test on error, accounts as text, raw sockets.
+// Helpers of the simulator tests: a started simulator, a logged-in client and
+// typed reads that fail the test on error.
 #ifndef ZEL5_TESTS_SIMTESTCLIENT_H
 #define ZEL5_TESTS_SIMTESTCLIENT_H
 
@@ -8,13 +8,8 @@
 #include "rpcclient.h"
 
 #include <gtest/gtest.h>
-#include <netinet/in.h>
-#include <poll.h>
-#include <sys/socket.h>
-#include <unistd.h>
 
 #include <memory>
-#include <sstream>
 #include <string>
 
 namespace simtest {
@@ -60,47 +55,6 @@ inline std::string version(ZEL::RPCClient& c)
     const std::string v = getText(c);
     EXPECT_EQ(0, c.end_call());
     return v;
-}
-
-// The account as text: its own fields, its service lists, traffic classes and messages, a line each.
-inline std::string image(const zel5sim::Account& a)
-{
-    std::ostringstream s;
-    s << a.login << " " << a.password << " " << a.balance << " " << a.internetStatus << " " << a.sizeDivisor << "\n";
-    for (const zel5sim::Service& service : a.services)
-        for (const auto* list : {&service.oldPrepaid, &service.prepaid, &service.downloaded}) {
-            s << service.name << ":\n";
-            for (const zel5sim::TrafficClass& t : *list)
-                s << t.id << " " << t.name << " " << t.size << "\n";
-        }
-    for (const zel5sim::Message& m : a.messages)
-        s << m.time << " " << m.subject << " " << m.body << "\n";
-    return s.str();
-}
-
-// A plain connected socket, or -1.
-inline int rawConnect(std::uint16_t port)
-{
-    sockaddr_in sin{};
-    sin.sin_family = AF_INET;
-    sin.sin_port = htons(port);
-    sin.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    const int fd = ::socket(AF_INET, SOCK_STREAM, 0);
-    return ::connect(fd, reinterpret_cast<sockaddr*>(&sin), sizeof sin) == 0 ? fd : (::close(fd), -1);
-}
-
-// Reads a socket or pipe until the peer closes it; false when nothing came
-// for timeoutMs first. received gets the bytes.
-inline bool readUntilClosed(int fd, std::string& received, int timeoutMs = 5000)
-{
-    char buf[4096];
-    for (pollfd p = {fd, POLLIN, 0}; ::poll(&p, 1, timeoutMs) > 0;) {
-        const ssize_t n = ::read(fd, buf, sizeof buf);
-        if (n <= 0)
-            return true;
-        received.append(buf, static_cast<std::size_t>(n));
-    }
-    return false;
 }
 
 } // namespace simtest

@@ -6,10 +6,6 @@
 
 #include <signal.h>
 
-#include <chrono>
-#include <string>
-#include <vector>
-
 using namespace std::chrono_literals;
 using zel5sim::SimOptions;
 using zel5test::ChildProcess;
@@ -17,9 +13,8 @@ using zel5test::ChildProcess;
 namespace {
 
 // Far above what a start or a stop takes, also in a sanitizer build on a
-// loaded machine; only a hanging executable reaches them.
-constexpr auto startBound = 20s;
-constexpr auto exitBound = 20s;
+// loaded machine; only a hanging executable reaches it.
+constexpr auto bound = 20s;
 
 std::vector<std::string> command(const std::vector<std::string>& args)
 {
@@ -28,40 +23,23 @@ std::vector<std::string> command(const std::vector<std::string>& args)
     return argv;
 }
 
-std::string shown(const std::vector<std::string>& args)
-{
-    std::string s;
-    for (const std::string& a : args)
-        s += (s.empty() ? "" : " ") + a;
-    return s;
-}
-
 struct Outcome {
     int code = -1; // -1: it did not start, did not end in time, or a signal ended it
-    std::string out;
-    std::string err;
+    std::string out, err;
 };
 
-// Runs the executable to its end.
-Outcome run(const std::vector<std::string>& args)
+// Runs the executable to its end; `shown` names the run in failures.
+Outcome run(const std::vector<std::string>& args, const std::string& shown)
 {
     Outcome r;
     ChildProcess sim(command(args), {}, ChildProcess::CaptureBoth);
-    if (!sim.started()) {
-        ADD_FAILURE() << sim.startError();
-        return r;
-    }
-    const auto exit = sim.waitExit(exitBound);
-    if (!exit) {
-        ADD_FAILURE() << "waited " << exitBound.count() << " s for the simulator to end when started with '"
-                      << shown(args) << "'";
-        return r; // the child is killed on return
-    }
+    EXPECT_TRUE(sim.started()) << sim.startError();
+    const auto exit = sim.waitExit(bound);
+    EXPECT_TRUE(exit) << "waited " << bound.count() << " s for '" << shown << "' to end";
     r.out = sim.takeStdout();
     r.err = sim.stderrText();
-    r.code = exit->code();
-    if (r.code < 0)
-        ADD_FAILURE() << "'" << shown(args) << "': " << exit->describe() << "\n" << r.err;
+    if (exit)
+        r.code = exit->code();
     return r;
 }
 
@@ -70,8 +48,8 @@ TEST(ExecutableTest, TellsItsPortAndServesUntilTerminated)
     ChildProcess sim(command({"--listen=127.0.0.1:0", "--server-version", "9.9"}));
     ASSERT_TRUE(sim.started()) << sim.startError();
     std::string line;
-    ASSERT_EQ(ChildProcess::Read::Line, sim.readLine(line, startBound))
-        << "waited " << startBound.count() << " s for the line that tells the port";
+    ASSERT_EQ(ChildProcess::Read::Line, sim.readLine(line, bound))
+        << "waited " << bound.count() << " s for the line that tells the port";
     ASSERT_EQ(0u, line.find("listening on 127.0.0.1:")) << line;
     const int port = std::stoi(line.substr(line.rfind(':') + 1));
     ASSERT_GT(port, 0) << line;
@@ -79,42 +57,35 @@ TEST(ExecutableTest, TellsItsPortAndServesUntilTerminated)
     EXPECT_EQ("9.9", simtest::version(*c));
 
     // A second one on the same port cannot listen.
-    EXPECT_EQ(SimOptions::exitListen, run({"--listen", "127.0.0.1:" + std::to_string(port)}).code);
+    EXPECT_EQ(SimOptions::exitListen, run({"--listen", "127.0.0.1:" + std::to_string(port)}, "second").code);
 
     // Stops with a client still connected, and says nothing more.
     ASSERT_TRUE(sim.signal(SIGTERM));
-    const auto exit = sim.waitExit(exitBound);
-    ASSERT_TRUE(exit) << "waited " << exitBound.count() << " s for the simulator to end after SIGTERM";
+    const auto exit = sim.waitExit(bound);
+    ASSERT_TRUE(exit) << "waited " << bound.count() << " s for the simulator to end after SIGTERM";
     EXPECT_EQ(SimOptions::exitOk, exit->code()) << exit->describe();
     EXPECT_EQ(ChildProcess::Read::End, sim.readLine(line, 0ms)) << line;
 }
 
 TEST(ExecutableTest, ExitCodesOfHelpBadCommandLinesAndFailedStarts)
 {
-    const Outcome help = run({"--help"});
+    const Outcome help = run({"--help"}, "--help");
     EXPECT_EQ(SimOptions::exitOk, help.code);
     EXPECT_EQ(0u, help.out.find("Usage: ")) << help.out;
 
-    const Outcome accounts = run({"--listen", "127.0.0.1:0", "--accounts", "/nonexistent/a.json"});
+    const Outcome accounts = run({"--listen", "127.0.0.1:0", "--accounts", "/nonexistent/a.json"}, "--accounts");
     EXPECT_EQ(SimOptions::exitAccounts, accounts.code) << accounts.err;
     EXPECT_EQ("", accounts.out) << "a failed start tells no port";
 
-    const std::vector<std::vector<std::string>> badLines = {
-        {"--listen", "localhost:1"},
-        {"--listen", "127.0.0.1:65536"},
-        {"--listen", "127.0.0.1"},
-        {"--tls", "maybe"},
-        {"--demo-activity", "0"},
-        {"--fault-stall-ms", "-1"},
-        {"--accounts"},
-        {"--help=yes"},
-        {"--fault-garbage", "--fault-stall-ms", "5"},
-        {"extra"},
-    };
-    for (const auto& args : badLines) {
-        const Outcome r = run(args);
-        EXPECT_EQ(SimOptions::exitUsage, r.code) << shown(args) << "\n" << r.err;
-        EXPECT_EQ("", r.out) << shown(args);
+    for (const std::vector<std::string>& args : std::vector<std::vector<std::string>>{
+             {"--listen", "localhost:1"}, {"--listen", "127.0.0.1:65536"}, {"--tls", "maybe"},
+             {"--fault-stall-ms", "-1"}, {"--accounts"}, {"--fault-garbage", "--fault-stall-ms", "5"}, {"extra"}}) {
+        std::string shown;
+        for (const std::string& a : args)
+            shown += a + " ";
+        const Outcome r = run(args, shown);
+        EXPECT_EQ(SimOptions::exitUsage, r.code) << shown << "\n" << r.err;
+        EXPECT_EQ("", r.out) << shown;
     }
 }
 
