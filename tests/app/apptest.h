@@ -1,5 +1,5 @@
-// The controller against a billing simulator on a loopback port, with throw-away
-// directories; the test plays the user: it answers dialogs, counts notices.
+// The controller against a billing simulator on a loopback port, with
+// throw-away folders; the test plays the user: it answers the dialogs.
 #ifndef ZEL5_TESTS_APPTEST_H
 #define ZEL5_TESTS_APPTEST_H
 
@@ -23,41 +23,30 @@
 #include <ostream>
 
 // Failures show texts, not their bytes.
-inline void PrintTo(const QString& text, std::ostream* os)
-{
-    *os << '"' << text.toStdString() << '"';
-}
+inline void PrintTo(const QString& text, std::ostream* os) { *os << '"' << text.toStdString() << '"'; }
 
 class TestApp : public ZEL5TrayApp {
 public:
     TestApp() { firstTimeConnect = true; } // each test is a fresh program run
-    // Also frees what the program never frees: the worker, and a client
-    // that shut-down left to a hanging attempt.
+    // Also frees what the program leaves to its end: the worker and the client.
     ~TestApp() override
     {
-        // Never started: the shared objects belong to no one, or to another.
-        if (!thread) {
-            if (_app == this)
-                _app = nullptr;
-            return;
+        if (thread) {
+            deinit();
+            thread->wait();
+            QCoreApplication::processEvents(); // the worker's last notice, taken before the worker goes
+            delete thread;
+            delete _miniClient;
+            _miniClient = nullptr;
         }
-        deinit();
-        thread->wait();
-        // The worker's last queued notice is taken first, as the event loop
-        // would; freeing the worker is then ordered after its end.
-        QCoreApplication::processEvents();
-        delete thread;
-        delete _miniClient;
-        _miniClient = nullptr;
         if (_app == this)
             _app = nullptr;
     }
     using ZEL5TrayApp::changeInternetStatus;
-    using ZEL5TrayApp::tryToConnect;
-    // Delays a test shortens or lengthens before init(), and the notifier.
     using ZEL5TrayApp::firstRetryMs;
     using ZEL5TrayApp::noTrayNoticeMs;
     using ZEL5TrayApp::notifier;
+    using ZEL5TrayApp::tryToConnect;
     ZEL5Icon* trayIcon() const { return icon; }
     TryToConnectThread* worker() const { return thread; }
     bool waitForWorker() { return thread->wait(QDeadlineTimer(10000)) && !thread->busy(); }
@@ -65,9 +54,7 @@ public:
     bool settle(int ms = 10000) { return QTest::qWaitFor([this] { return !thread->busy(); }, ms); }
     bool connected() const { return account().connected; }
 
-    // Bounds of the session's waits; short ones keep the fault tests quick.
-    int connectTimeoutMs = 10000, loginTimeoutMs = 15000, callTimeoutMs = 30000;
-
+    int loginTimeoutMs = 15000, callTimeoutMs = 30000; // short ones keep the fault tests quick
     std::function<int(QDialog&)> answer; // none: every dialog is cancelled
     QStringList dialogs;                 // class names, in order
     int connectedEvents = 0;
@@ -75,7 +62,6 @@ public:
 protected:
     void configureClient(MiniClient& client) override
     {
-        client.connectTimeoutMs = connectTimeoutMs;
         client.loginTimeoutMs = loginTimeoutMs;
         client.callTimeoutMs = callTimeoutMs;
     }
@@ -123,13 +109,11 @@ protected:
 
 inline Config<QString> savedSettings() { Config<QString> saved; EXPECT_TRUE(saved._load()); return saved; }
 
-// Answers the settings dialog: types the credentials, sets "Save settings"
-// and accepts or cancels.
+// Answers the settings dialog with these credentials and "Save settings".
 std::function<int(QDialog&)> settingsAnswer(const QString& login, const QString& password, bool accept,
                                             bool save = true);
 
-// One application object for the whole run, nothing shown on screen: creates
-// it, runs the tests and destroys it before returning their result.
+// One application object for the whole run, nothing on screen.
 int runAppTests(int argc, char** argv);
 
 #endif
