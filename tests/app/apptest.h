@@ -42,11 +42,8 @@ public:
         if (_app == this)
             _app = nullptr;
     }
-    using ZEL5TrayApp::changeInternetStatus;
-    using ZEL5TrayApp::firstRetryMs;
-    using ZEL5TrayApp::noTrayNoticeMs;
-    using ZEL5TrayApp::notifier;
-    using ZEL5TrayApp::tryToConnect;
+    using ZEL5TrayApp::changeInternetStatus, ZEL5TrayApp::tryToConnect, ZEL5TrayApp::notifier;
+    using ZEL5TrayApp::firstRetryMs, ZEL5TrayApp::noTrayNoticeMs;
     ZEL5Icon* trayIcon() const { return icon; }
     TryToConnectThread* worker() const { return thread; }
     bool waitForWorker() { return thread->wait(QDeadlineTimer(10000)) && !thread->busy(); }

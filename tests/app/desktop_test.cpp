@@ -1,9 +1,9 @@
 // The tray on a private bus, started by this program before the application
 // object so that Qt's session and system bus connections reach it, never the
-// desktop the tests run on: its notifications of new
-// messages, of a low balance and of a missing system tray as a notification
-// server receives them, the "Show" action, the session checked after a
-// wake-up, and a desktop without a notification service.
+// desktop the tests run on: its notifications of new messages, of a low
+// balance and of a missing system tray as a notification server receives
+// them, the "Show" action, the session checked after a wake-up, and a desktop
+// without a notification service.
 #include "apptest.h"
 #include "childprocess.h"
 #include "desktopnotifier.h"
@@ -65,37 +65,13 @@ std::unique_ptr<ChildProcess> startBus()
     return busAddress.empty() ? nullptr : std::move(bus); // the object kills and reaps what it started
 }
 
-// A desktop service served from the test process on a private bus: a
-// connection of its own that exports this object and owns the service's name.
-// Never destroyed: Qt's bus thread may look at an exported object any time.
-class StandIn : public QObject {
-public:
-    StandIn(const char* name, const char* service, const char* path)
-        : address(QString::fromStdString(busAddress)), name(QString::fromLatin1(name)),
-          service(QString::fromLatin1(service)), path(QString::fromLatin1(path))
-    {
-    }
-    // Connects, exports the object and owns the name; false with the reason in `error`.
-    bool start(QString& error)
-    {
-        QDBusConnection bus = QDBusConnection::connectToBus(address, name);
-        if (bus.isConnected()
-            && bus.registerObject(path, this, QDBusConnection::ExportAllSlots | QDBusConnection::ExportAllSignals)
-            && claim())
-            return true;
-        error = QStringLiteral("%1 on %2: %3").arg(service, address, bus.lastError().message());
-        return false;
-    }
-    // Owns the name again, or gives it up: calls then fail as on a desktop without the service.
-    bool claim() { return QDBusConnection(name).registerService(service); }
-    bool release() { return QDBusConnection(name).unregisterService(service); }
-
-private:
-    QString address, name, service, path;
-};
+// The desktop's services are served from the test process on a connection of
+// their own, and never destroyed: Qt's bus thread may look at an exported object any time.
+const char* const standInConnection = "standins";
+const char* const notifications = "org.freedesktop.Notifications";
 
 // Records every Notify call and answers with ids 1, 2, 3, ... or the id to replace.
-class NotificationServer : public StandIn {
+class NotificationServer : public QObject {
     Q_OBJECT
     Q_CLASSINFO("D-Bus Interface", "org.freedesktop.Notifications")
 public:
@@ -108,22 +84,16 @@ public:
         int expireTimeout;
         uint id; // the answer
     };
-    NotificationServer()
-        : StandIn("standin-notifications", "org.freedesktop.Notifications", "/org/freedesktop/Notifications")
-    {
-    }
-    // Forgets what it received, counts ids from 1 again and owns the name.
-    bool reset()
-    {
-        received.clear();
-        lastId = 0;
-        return claim();
-    }
-    // What the desktop sends when the user picks an action, or when a notification goes.
-    void invokeAction(uint id, const QString& key) { emit ActionInvoked(id, key); }
-    void closed(uint id, uint reason) { emit NotificationClosed(id, reason); }
-
     QList<Notification> received;
+    uint lastId = 0;
+
+    // Owns the service's name, or gives it up: calls then fail as on a desktop without the service.
+    static bool own(bool owned)
+    {
+        QDBusConnection bus(QString::fromLatin1(standInConnection));
+        return owned ? bus.registerService(QString::fromLatin1(notifications))
+                     : bus.unregisterService(QString::fromLatin1(notifications));
+    }
 
 public slots:
     uint Notify(const QString& appName, uint replacesId, const QString& appIcon, const QString& summary,
@@ -134,41 +104,30 @@ public slots:
         return id;
     }
 
-signals:
+signals: // what the desktop sends when the user picks an action, or when a notification goes
     void ActionInvoked(uint id, const QString& actionKey);
     void NotificationClosed(uint id, uint reason);
-
-private:
-    uint lastId = 0;
 };
 
-// org.freedesktop.login1 on the system bus: the signal around a suspend.
-class LogindStandIn : public StandIn {
+// org.freedesktop.login1: the signal around a suspend; and that signal as
+// the tray's own system bus connection receives it.
+class LogindStandIn : public QObject {
     Q_OBJECT
     Q_CLASSINFO("D-Bus Interface", "org.freedesktop.login1.Manager")
 public:
-    LogindStandIn() : StandIn("standin-login1", "org.freedesktop.login1", "/org/freedesktop/login1") {}
-    void prepareForSleep(bool sleeping) { emit PrepareForSleep(sleeping); } // false: woken up
-
-signals:
-    void PrepareForSleep(bool start);
-};
-
-// PrepareForSleep as the tray's own system bus connection receives it.
-class SleepSignals : public QObject {
-    Q_OBJECT
-public:
-    SleepSignals()
+    bool listen()
     {
-        QDBusConnection::systemBus().connect(QStringLiteral("org.freedesktop.login1"),
-                                             QStringLiteral("/org/freedesktop/login1"),
-                                             QStringLiteral("org.freedesktop.login1.Manager"),
-                                             QStringLiteral("PrepareForSleep"), this, SLOT(prepareForSleep(bool)));
+        return QDBusConnection::systemBus().connect(
+            QStringLiteral("org.freedesktop.login1"), QStringLiteral("/org/freedesktop/login1"),
+            QStringLiteral("org.freedesktop.login1.Manager"), QStringLiteral("PrepareForSleep"), this, SLOT(seeSleep(bool)));
     }
     QList<bool> seen;
 
 public slots:
-    void prepareForSleep(bool sleeping) { seen << sleeping; }
+    void seeSleep(bool sleeping) { seen << sleeping; }
+
+signals:
+    void PrepareForSleep(bool start); // false: woken up
 };
 
 // Counts the notifier's calls: each is watched by a child object of the
@@ -208,25 +167,28 @@ std::string describe(const QList<Notification>& list)
     return text.empty() ? " none" : text;
 }
 
-struct StandIns {
-    NotificationServer* server = nullptr;
-    LogindStandIn* logind = nullptr;
-    SleepSignals* sleepSignals = nullptr;
-    QString error;
-};
+NotificationServer* server = nullptr;
+LogindStandIn* logind = nullptr;
 
-// Made once for the whole run; each test starts them afresh.
-const StandIns& standIns()
+// Serves the stand-ins once for the whole run; empty, or why that failed.
+QString serveStandIns()
 {
-    static const StandIns made = [] {
-        StandIns s;
-        auto* server = new NotificationServer;
-        auto* logind = new LogindStandIn;
-        if (server->start(s.error) && logind->start(s.error))
-            s = {server, logind, new SleepSignals, {}};
-        return s;
+    static const QString error = [] {
+        server = new NotificationServer;
+        logind = new LogindStandIn;
+        QDBusConnection bus = QDBusConnection::connectToBus(QString::fromStdString(busAddress),
+                                                            QString::fromLatin1(standInConnection));
+        const auto serve = [&bus](QObject* object, const char* path, const char* service) {
+            return bus.registerObject(QString::fromLatin1(path), object,
+                                      QDBusConnection::ExportAllSlots | QDBusConnection::ExportAllSignals)
+                   && bus.registerService(QString::fromLatin1(service));
+        };
+        if (bus.isConnected() && serve(server, "/org/freedesktop/Notifications", notifications)
+            && serve(logind, "/org/freedesktop/login1", "org.freedesktop.login1") && logind->listen())
+            return QString();
+        return QStringLiteral("the stand-in services: ") + bus.lastError().message();
     }();
-    return made;
+    return error;
 }
 
 // Messages dated after any time stamp the server hands out in the test.
@@ -240,11 +202,11 @@ protected:
         if (HasFatalFailure())
             return;
         ASSERT_FALSE(busAddress.empty()) << "no private bus: " << busError;
-        ASSERT_TRUE(standIns().server) << standIns().error.toStdString();
-        server = standIns().server;
-        logind = standIns().logind;
-        ASSERT_TRUE(server->reset()) << "the notification service's name owned again";
-        standIns().sleepSignals->seen.clear();
+        ASSERT_EQ(QString(), serveStandIns());
+        server->received.clear();
+        server->lastId = 0;
+        ASSERT_TRUE(NotificationServer::own(true)) << "the notification service's name owned again";
+        logind->seen.clear();
         QGuiApplication::setApplicationDisplayName(QStringLiteral("Orvane ZEL5 Tray"));
         QGuiApplication::setDesktopFileName(QStringLiteral("zel5_tray"));
         newApp();
@@ -288,10 +250,10 @@ protected:
     // Emits the signals and waits until the tray's connection delivered them.
     void wakeUps(std::initializer_list<bool> states)
     {
-        const QList<bool>& seen = standIns().sleepSignals->seen;
+        const QList<bool>& seen = logind->seen;
         const qsizetype before = seen.size();
         for (bool sleeping : states)
-            logind->prepareForSleep(sleeping);
+            emit logind->PrepareForSleep(sleeping);
         ASSERT_TRUE(QTest::qWaitFor([&] { return seen.size() >= before + qsizetype(states.size()); }, replyWaitMs))
             << "PrepareForSleep on the tray's system bus connection";
         // The bus answers after every message it sent before; then the queued deliveries run.
@@ -300,8 +262,6 @@ protected:
         QCoreApplication::sendPostedEvents();
     }
 
-    NotificationServer* server = nullptr;
-    LogindStandIn* logind = nullptr;
     std::unique_ptr<CallCounter> calls;
 };
 
@@ -336,18 +296,18 @@ TEST_F(DesktopTest, NewMessagesMakeOneNotificationWhoseShowActionOpensThemUntilI
     EXPECT_TRUE(app->dialogs.isEmpty());
 
     // Signals arrive in the order sent: by the time the dialog opens the ones before were handled.
-    server->invokeAction(first.id + 41, QStringLiteral("show")); // another program's
-    server->invokeAction(first.id, QStringLiteral("dismiss"));    // a key never offered
-    server->invokeAction(first.id, QStringLiteral("show"));
+    emit server->ActionInvoked(first.id + 41, QStringLiteral("show")); // another program's
+    emit server->ActionInvoked(first.id, QStringLiteral("dismiss"));    // a key never offered
+    emit server->ActionInvoked(first.id, QStringLiteral("show"));
     ASSERT_TRUE(QTest::qWaitFor([&] { return !app->dialogs.isEmpty(); }, replyWaitMs)) << "the messages dialog";
     EXPECT_EQ(QStringList{QStringLiteral("MessagesDialog")}, app->dialogs);
     EXPECT_FALSE(icon()->notify) << "seen, as after a click on the icon";
 
     // Dismissed: the id is no longer ours, and the next messages get a notification of their own.
-    server->closed(first.id, 2);
+    emit server->NotificationClosed(first.id, 2); // dismissed
     ASSERT_TRUE(QTest::qWaitFor([&] { return app->notifier->idOf(DesktopNotifier::NewMessages) == 0; }, replyWaitMs))
         << "NotificationClosed taken";
-    server->invokeAction(first.id, QStringLiteral("show"));
+    emit server->ActionInvoked(first.id, QStringLiteral("show"));
     addMessage(future + 20, "Planned works");
     tick(); // its answer comes after the action sent before it
     ASSERT_TRUE(waitNotifications(3)) << describe(received());
@@ -456,7 +416,7 @@ TEST_F(DesktopTest, AfterAWakeUpTheSessionWithARestartedServerIsBackWithinFiveSe
     wakeUps({true});
     ASSERT_TRUE(app->settle());
     EXPECT_EQ(0, sim->connectionsAccepted()) << "going to sleep asks the server nothing";
-    logind->prepareForSleep(false);
+    emit logind->PrepareForSleep(false);
     // The new balance shows that the session is one with the new server.
     ASSERT_TRUE(QTest::qWaitFor([&] {
         return sim->connectionsAccepted() == 1 && connected() && tooltip() == QStringLiteral("Balance: 7.50");
@@ -486,7 +446,7 @@ TEST_F(DesktopTest, TwoWakeUpsWithinTwoSecondsMakeOneCheck)
 
 TEST_F(DesktopTest, WithoutANotificationServiceTheTrayRunsOnAndLaterNotificationsStartAfresh)
 {
-    ASSERT_TRUE(server->release());
+    ASSERT_TRUE(NotificationServer::own(false));
     addMessage(future + 1, "Invoice for May");
     writeSettings();
     start();
@@ -499,7 +459,7 @@ TEST_F(DesktopTest, WithoutANotificationServiceTheTrayRunsOnAndLaterNotification
     tick();
     EXPECT_TRUE(connected());
 
-    ASSERT_TRUE(server->claim()); // the service appears: the next notification is a new one
+    ASSERT_TRUE(NotificationServer::own(true)); // the service appears: the next notification is a new one
     addMessage(future + 5, "Payment received");
     tick();
     ASSERT_TRUE(waitNotifications(1)) << describe(received());
