@@ -1,7 +1,7 @@
-// A program started by a test: its standard output and error read through
-// pipes, standard input from /dev/null. Every wait is bounded, signals go to
-// the child's own process id only, and an object that goes while its child
-// still runs kills (SIGKILL) and reaps it, so a failing test leaves no process
+// A program started by a test: standard output and error read through pipes,
+// standard input from /dev/null. Every wait is bounded, signals go to the
+// child's own process id only, and an object that goes while its child still
+// runs kills (SIGKILL) and reaps it, so a failing test leaves no process
 // behind. Not thread-safe: one test thread drives one object.
 #ifndef ZEL5_TESTS_CHILDPROCESS_H
 #define ZEL5_TESTS_CHILDPROCESS_H
@@ -20,6 +20,7 @@
 #include <cstring>
 #include <optional>
 #include <string>
+#include <utility>
 #include <vector>
 
 extern char** environ;
@@ -40,10 +41,8 @@ public:
     // How the child ended, as waitpid reported it.
     struct Exit {
         int status = 0;
-        // The exit code; -1 when a signal ended the child.
-        int code() const { return WIFEXITED(status) ? WEXITSTATUS(status) : -1; }
-        // The signal that ended the child; 0 when it exited.
-        int signal() const { return WIFSIGNALED(status) ? WTERMSIG(status) : 0; }
+        int code() const { return WIFEXITED(status) ? WEXITSTATUS(status) : -1; } // -1: a signal ended it
+        int signal() const { return WIFSIGNALED(status) ? WTERMSIG(status) : 0; } // 0: it exited
         std::string describe() const
         {
             if (WIFEXITED(status))
@@ -67,8 +66,7 @@ public:
         if (pid_ > 0 && !reaped_) {
             ::kill(pid_, SIGKILL);
             int status = 0;
-            // SIGKILL cannot be caught or ignored: this wait ends.
-            while (::waitpid(pid_, &status, 0) < 0 && errno == EINTR) {
+            while (::waitpid(pid_, &status, 0) < 0 && errno == EINTR) { // SIGKILL cannot be ignored: this ends
             }
         }
         closeFd(out_.fd);
@@ -79,24 +77,16 @@ public:
     ChildProcess& operator=(const ChildProcess&) = delete;
 
     bool started() const { return pid_ > 0; }
-    // Why the start failed.
     const std::string& startError() const { return startError_; }
-    pid_t pid() const { return pid_; }
 
     // Sends sig to the child's own process id; false once it has been reaped
     // (its id may then belong to another process) or when kill fails.
-    bool signal(int sig)
-    {
-        if (pid_ <= 0 || reaped_)
-            return false;
-        return ::kill(pid_, sig) == 0;
-    }
+    bool signal(int sig) { return pid_ > 0 && !reaped_ && ::kill(pid_, sig) == 0; }
 
     // The next line of standard output, waiting at most `within` for it.
     Read readLine(std::string& line, std::chrono::milliseconds within)
     {
-        const auto deadline = Clock::now() + within;
-        for (;;) {
+        for (const auto deadline = Clock::now() + within;;) {
             const std::size_t newline = out_.text.find('\n');
             if (newline != std::string::npos) {
                 line = out_.text.substr(0, newline);
@@ -110,7 +100,7 @@ public:
                 out_.text.clear();
                 return Read::Line;
             }
-            const auto left = remainingMs(deadline);
+            const long long left = remainingMs(deadline);
             if (left <= 0)
                 return Read::Timeout;
             pump(left);
@@ -124,28 +114,26 @@ public:
     {
         if (pid_ <= 0)
             return std::nullopt;
-        const auto deadline = Clock::now() + within;
-        for (;;) {
+        for (const auto deadline = Clock::now() + within;;) {
             if (!reaped_) {
                 int status = 0;
                 const pid_t got = ::waitpid(pid_, &status, WNOHANG);
-                if (got == pid_) {
-                    reaped_ = true;
-                    exit_.status = status;
-                } else if (got < 0 && errno != EINTR) {
+                if (got == pid_)
+                    reaped_ = true, exit_.status = status;
+                else if (got < 0 && errno != EINTR)
                     return std::nullopt; // not our child: nothing to wait for
-                }
             }
             if (reaped_) {
-                drainAfterExit();
+                for (Stream* s : {&out_, &err_}) // what the pipes still hold; a stream a descendant keeps stays open
+                    if (s->fd >= 0)
+                        readAvailable(*s);
                 return exit_;
             }
-            const auto left = remainingMs(deadline);
+            const long long left = remainingMs(deadline);
             if (left <= 0)
                 return std::nullopt;
-            // No exit notice to wait on: look again after a short step, or
-            // sooner when output arrives.
-            const int step = static_cast<int>(std::min<long long>(left, pollStepMs));
+            // No exit notice to wait on: look again after a short step, or sooner when output arrives.
+            const int step = static_cast<int>(std::min<long long>(left, 10));
             if (out_.fd >= 0 || err_.fd >= 0) {
                 pump(step);
             } else {
@@ -155,21 +143,14 @@ public:
         }
     }
 
-    // Standard output not taken by readLine yet; complete once the child has
-    // been reaped.
-    std::string takeStdout()
-    {
-        std::string all;
-        all.swap(out_.text);
-        return all;
-    }
+    // Standard output not taken by readLine yet; complete once the child has been reaped.
+    std::string takeStdout() { return std::exchange(out_.text, std::string()); }
 
     // Standard error read so far; complete once the child has been reaped.
     const std::string& stderrText() const { return err_.text; }
 
 private:
     using Clock = std::chrono::steady_clock;
-    static constexpr int pollStepMs = 10;
 
     struct Stream {
         int fd = -1;
@@ -178,8 +159,7 @@ private:
 
     static long long remainingMs(Clock::time_point deadline)
     {
-        const auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - Clock::now()).count();
-        return std::max<long long>(left, 0);
+        return std::max<long long>(std::chrono::ceil<std::chrono::milliseconds>(deadline - Clock::now()).count(), 0);
     }
 
     static void closeFd(int& fd)
@@ -214,39 +194,32 @@ private:
         if (errPipe[1] >= 0)
             posix_spawn_file_actions_adddup2(&actions, errPipe[1], STDERR_FILENO);
 
-        // The child starts with no blocked signals and the usual dispositions,
-        // whatever the test's threads have set.
+        // The child starts with no blocked signals and the usual dispositions, whatever the test's threads have set.
         posix_spawnattr_t attr;
         posix_spawnattr_init(&attr);
-        sigset_t none;
+        sigset_t none, defaults;
         sigemptyset(&none);
-        posix_spawnattr_setsigmask(&attr, &none);
-        sigset_t defaults;
         sigemptyset(&defaults);
         for (int sig : {SIGHUP, SIGINT, SIGQUIT, SIGPIPE, SIGALRM, SIGTERM, SIGUSR1, SIGUSR2, SIGCHLD})
             sigaddset(&defaults, sig);
+        posix_spawnattr_setsigmask(&attr, &none);
         posix_spawnattr_setsigdefault(&attr, &defaults);
         posix_spawnattr_setflags(&attr, POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF);
 
         std::vector<std::string> env;
         for (char** e = environ; e && *e; ++e) {
             const std::string entry(*e);
-            const std::string name = entry.substr(0, entry.find('='));
-            const bool replaced = std::any_of(extraEnv.begin(), extraEnv.end(), [&](const std::string& x) {
-                return x.compare(0, name.size() + 1, name + "=") == 0;
-            });
-            if (!replaced)
+            const std::string name = entry.substr(0, entry.find('=')) + "=";
+            if (std::none_of(extraEnv.begin(), extraEnv.end(), [&](const std::string& x) { return x.rfind(name, 0) == 0; }))
                 env.push_back(entry);
         }
         env.insert(env.end(), extraEnv.begin(), extraEnv.end());
-
-        std::vector<char*> args;
+        std::vector<char*> args, envp;
         for (const std::string& a : argv)
             args.push_back(const_cast<char*>(a.c_str()));
-        args.push_back(nullptr);
-        std::vector<char*> envp;
         for (const std::string& e : env)
             envp.push_back(const_cast<char*>(e.c_str()));
+        args.push_back(nullptr);
         envp.push_back(nullptr);
 
         pid_t pid = -1;
@@ -264,28 +237,23 @@ private:
         pid_ = pid;
         out_.fd = outPipe[0];
         err_.fd = errPipe[0];
-        for (int fd : {out_.fd, err_.fd}) {
+        for (int fd : {out_.fd, err_.fd})
             if (fd >= 0)
                 ::fcntl(fd, F_SETFL, ::fcntl(fd, F_GETFL) | O_NONBLOCK);
-        }
     }
 
-    // Reads what is there; true when the stream is still open.
-    static bool readAvailable(Stream& s)
+    // Reads what is there; closes the stream at its end or on an error.
+    static void readAvailable(Stream& s)
     {
         char buf[4096];
         for (;;) {
             const ssize_t n = ::read(s.fd, buf, sizeof buf);
-            if (n > 0) {
+            if (n > 0)
                 s.text.append(buf, static_cast<std::size_t>(n));
-                continue;
-            }
-            if (n < 0 && errno == EINTR)
-                continue;
-            if (n < 0 && (errno == EAGAIN || errno == EWOULDBLOCK))
-                return true;
-            closeFd(s.fd); // end of the stream, or an error that ends it
-            return false;
+            else if (n < 0 && errno == EAGAIN)
+                return;
+            else if (n == 0 || errno != EINTR)
+                return closeFd(s.fd);
         }
     }
 
@@ -295,31 +263,14 @@ private:
         pollfd fds[2];
         Stream* streams[2];
         nfds_t n = 0;
-        for (Stream* s : {&out_, &err_}) {
-            if (s->fd >= 0) {
-                fds[n] = {s->fd, POLLIN, 0};
-                streams[n++] = s;
-            }
-        }
-        if (n == 0)
-            return;
-        const int ready = ::poll(fds, n, static_cast<int>(timeoutMs));
-        if (ready <= 0)
+        for (Stream* s : {&out_, &err_})
+            if (s->fd >= 0)
+                fds[n] = {s->fd, POLLIN, 0}, streams[n++] = s;
+        if (n == 0 || ::poll(fds, n, static_cast<int>(timeoutMs)) <= 0)
             return; // timeout, or EINTR: the callers look at their deadline
-        for (nfds_t i = 0; i < n; ++i) {
+        for (nfds_t i = 0; i < n; ++i)
             if (fds[i].revents)
                 readAvailable(*streams[i]);
-        }
-    }
-
-    // The child has ended: its output is whatever the pipes still hold. A
-    // stream that stays open (a descendant kept it) is left as it is.
-    void drainAfterExit()
-    {
-        for (Stream* s : {&out_, &err_}) {
-            if (s->fd >= 0)
-                readAvailable(*s);
-        }
     }
 
     pid_t pid_ = -1;
