@@ -1,52 +1,54 @@
-// zel5ctl's parts that decide without a server: command line, failures, status bar line.
+// zel5ctl's parts that decide without a server (command line, failures,
+// status bar line, status text) and the JSON and text forms it shares with
+// the tray (traffic report, messages, message bodies as text).
 #include "barline.h"
 #include "commandline.h"
 #include "failure.h"
-#include "miniclient.h"
+#include "filefinder.h"
+#include "htmltext.h"
+#include "messagecollector.h"
+#include "messagesjson.h"
+#include "output.h"
+#include "reportformat.h"
 
 #include <QJsonArray>
+#include <QJsonDocument>
+#include <QTemporaryDir>
 
 #include <gtest/gtest.h>
 
 #include <cerrno>
+#include <tuple>
 
 namespace {
 
-struct Valid {
-    QStringList args;
-    CommandLine::Command command;
-    bool json, once, plainText;
-};
-
-TEST(CommandLineTest, AcceptsEachCommandWithItsOptionsInAnyOrder)
+TEST(CommandLineTest, AcceptsEachCommandWithItsOptionsInAnyOrderAndRefusesMistakesWithTheirReason)
 {
-    const Valid cases[] = {
-        {{"status", "--json"}, CommandLine::Status, true, false, false},
+    struct Valid {
+        QStringList args;
+        CommandLine::Command command;
+        bool json, once, plainText;
+    };
+    const Valid valid[] = {
         {{"--json", "report"}, CommandLine::Report, true, false, false},
         {{"messages", "--json"}, CommandLine::Messages, true, false, false},
         {{"switch-internet"}, CommandLine::SwitchInternet, false, false, false},
         {{"waybar", "--once", "--format", "text"}, CommandLine::Waybar, false, true, true},
         {{"waybar", "--format=json"}, CommandLine::Waybar, false, false, false},
         {{"status", "-h"}, CommandLine::Help, false, false, false},
-        {{"help"}, CommandLine::Help, false, false, false},
         {{"-V"}, CommandLine::Version, false, false, false},
         {{"--version", "--help"}, CommandLine::Help, false, false, false},
     };
-    for (const Valid& c : cases) {
+    for (const Valid& c : valid) {
         SCOPED_TRACE(c.args.join(' ').toStdString());
         CommandLine line;
         QString error;
         ASSERT_TRUE(line.parse(c.args, error)) << error.toStdString();
         EXPECT_EQ(c.command, line.command);
-        EXPECT_EQ(c.json, line.json);
-        EXPECT_EQ(c.once, line.once);
-        EXPECT_EQ(c.plainText, line.plainText);
+        EXPECT_EQ(std::tuple(c.json, c.once, c.plainText), std::tuple(line.json, line.once, line.plainText));
     }
-}
 
-TEST(CommandLineTest, RefusesMistakesWithTheirReason)
-{
-    const std::pair<QStringList, QString> cases[] = {
+    const std::pair<QStringList, QString> mistakes[] = {
         {{}, "no command given"},
         {{"stats"}, "unknown command \"stats\""},
         {{"status", "report"}, "unexpected argument \"report\""},
@@ -54,12 +56,10 @@ TEST(CommandLineTest, RefusesMistakesWithTheirReason)
         {{"status", "--json=yes"}, "option --json takes no value"},
         {{"switch-internet", "--json"}, "switch-internet does not take --json"},
         {{"status", "--once"}, "status does not take --once"},
-        {{"report", "--format", "text"}, "report does not take --format"},
-        {{"waybar", "--format", "xml"}, "--format takes \"json\" or \"text\""},
         {{"waybar", "--format"}, "--format takes \"json\" or \"text\""},
         {{"--", "--json"}, "unknown command \"--json\""},
     };
-    for (const auto& [args, reason] : cases) {
+    for (const auto& [args, reason] : mistakes) {
         SCOPED_TRACE(args.join(' ').toStdString());
         CommandLine line;
         QString error;
@@ -68,7 +68,7 @@ TEST(CommandLineTest, RefusesMistakesWithTheirReason)
     }
 }
 
-TEST(FailureTest, ConnectResultsMapOntoExitCodes)
+TEST(FailureTest, ConnectAndCallResultsMapOntoExitCodes)
 {
     struct Case {
         int result, error;
@@ -91,10 +91,7 @@ TEST(FailureTest, ConnectResultsMapOntoExitCodes)
         EXPECT_TRUE(f.message.contains(QLatin1String(c.says))) << f.message.toStdString();
         EXPECT_FALSE(f.message.contains('\n'));
     }
-}
-
-TEST(FailureTest, ACallThatFailedAtItsBoundIsNoAnswerAndSoonerABrokenExchange)
-{
+    // A call that failed at its bound got no answer; one that failed sooner broke the exchange.
     EXPECT_EQ(Failure::Unreachable, Failure::fromCall(30000, 30000, "h", 1).code);
     EXPECT_TRUE(Failure::fromCall(30450, 30000, "h", 1).message.contains("within 30 s"));
     EXPECT_EQ(Failure::Failed, Failure::fromCall(29999, 30000, "h", 1).code);
@@ -119,10 +116,8 @@ TEST(BarLineTest, ClassesFollowTheStateTheLowBalanceLevelAndNewMessages)
     AccountState offlineWithNews;
     offlineWithNews.newMessages = true;
     const Case cases[] = {
-        {"on", online(10, true), false, 0, {"internet-on"}},
         {"off", online(10, false), false, 0, {"internet-off"}},
-        {"offline", AccountState(), true, 100, {"offline"}},
-        {"offline with news", offlineWithNews, false, 0, {"offline", "new-messages"}},
+        {"offline with news", offlineWithNews, true, 100, {"offline", "new-messages"}},
         {"below the level", online(9.99, true), true, 10, {"internet-on", "low-balance"}},
         {"at the level", online(10, true), true, 10, {"internet-on"}},
         {"level not set", online(-5, false), false, 10, {"internet-off"}},
@@ -134,34 +129,126 @@ TEST(BarLineTest, ClassesFollowTheStateTheLowBalanceLevelAndNewMessages)
         BarLine bar;
         bar.lowBalanceOn = c.lowOn;
         bar.lowBalance = c.low;
-        EXPECT_EQ(c.classes, bar.classes(c.state));
         const QJsonObject json = bar.waybar(c.state);
         EXPECT_EQ(c.classes.first(), json.value("alt").toString());
         EXPECT_EQ(QJsonArray::fromStringList(c.classes), json.value("class").toArray());
     }
 }
 
-TEST(BarLineTest, TextAndTooltipInTheTraysWords)
+TEST(BarLineTest, TextAndTooltipInTheTraysWordsAndTheOfflineStatus)
 {
     BarLine bar;
     QJsonObject line = bar.waybar(online(1234.5, true));
     EXPECT_EQ("1234.50", line.value("text").toString());
     EXPECT_EQ("Balance: 1234.50\nInternet: on", line.value("tooltip").toString());
-
     line = bar.waybar(online(-3.456, false, true, 2));
     EXPECT_EQ("-3.46", line.value("text").toString());
     EXPECT_EQ("Balance: -3.46\nInternet: off\n2 new messages", line.value("tooltip").toString());
     EXPECT_EQ("-3.46 internet off +2 new messages", bar.text(online(-3.456, false, true, 2)));
-
     // The tray tells only that there are new messages, not how many.
     EXPECT_EQ("Balance: 5.00\nInternet: on\nNew messages", bar.waybar(online(5, true, true)).value("tooltip").toString());
 
     bar.offlineReason = "login refused: check the login";
-    line = bar.waybar(AccountState());
-    EXPECT_EQ("Offline\nLogin refused: check the login", line.value("tooltip").toString());
+    EXPECT_EQ("Offline\nLogin refused: check the login", bar.waybar(AccountState()).value("tooltip").toString());
     EXPECT_EQ("offline", bar.text(AccountState()));
-    // One line, whatever the tooltip holds.
-    EXPECT_FALSE(bar.line(AccountState(), false).contains('\n'));
+    EXPECT_FALSE(bar.line(AccountState(), false).contains('\n')) << "one line, whatever the tooltip holds";
+
+    // Offline the status has no balance, whatever was left from before the session was lost.
+    AccountState s;
+    s.internetOn = true;
+    s.balance = 12;
+    s.storedMessages = 3;
+    EXPECT_EQ("Offline\nMessages: 3\n", Output::statusText(s).toStdString());
+    const QJsonObject json = Output::statusJson(s);
+    EXPECT_EQ(QJsonValue(false), json.value("internet"));
+    EXPECT_TRUE(json.value("balance").isNull());
+}
+
+TEST(ReportFormatTest, JsonKeepsExactSizesAndJsonThatIsNoReportKeepsTheOldOne)
+{
+    // Through text, as it travels over D-Bus.
+    const MiniClient::ServiceList sample = {{"a", {}, {{-2, "n", 1}, {1, "d", 21474836480LL}}, {}}, {"b", {}, {}, {}}};
+    const QJsonObject json = QJsonDocument::fromJson(QJsonDocument(reportJson(sample, 1000)).toJson()).object();
+    MiniClient::ServiceList back;
+    int divisor = 0;
+    QString error;
+    ASSERT_TRUE(reportFromJson(json, back, divisor, error)) << error.toStdString();
+    EXPECT_EQ(1000, divisor);
+    ASSERT_EQ(2u, back.size());
+    EXPECT_EQ(1, back.front().prepaid.at(0).size);
+    EXPECT_EQ(21474836480LL, back.front().prepaid.at(1).size);
+
+    const std::pair<const char*, const char*> bad[] = {
+        {R"({"services": []})", "\"sizeDivisor\" is not a whole number"},
+        {R"({"sizeDivisor": 1})", "\"services\" is not a list"},
+        {R"({"sizeDivisor": 1, "services": [{"oldPrepaid": []}]})", "services[0] has no \"name\""},
+        {R"({"sizeDivisor": 1, "services": [{"name": "a", "oldPrepaid": [], "prepaid": [],
+             "downloaded": [{"id": 1, "name": "x", "bytes": -1}]}]})",
+         "services[0].downloaded[0] needs"},
+    };
+    for (const auto& [text, reason] : bad) {
+        SCOPED_TRACE(text);
+        divisor = 7;
+        EXPECT_FALSE(reportFromJson(QJsonDocument::fromJson(text).object(), back, divisor, error));
+        EXPECT_TRUE(error.startsWith(QLatin1String(reason))) << error.toStdString();
+        EXPECT_EQ(7, divisor);
+        EXPECT_EQ(2u, back.size());
+    }
+}
+
+class PathFinder : public FileFinder {
+public:
+    explicit PathFinder(std::string p) : path(std::move(p)) {}
+    std::string findFile(fileType) override { return path; }
+    std::string path;
+};
+
+TEST(MessagesJsonTest, ListsTheStoreOldestFirstAndLeavesTheCursorWhereItWas)
+{
+    QTemporaryDir dir;
+    ASSERT_TRUE(dir.isValid());
+    PathFinder finder(dir.filePath("messages").toStdString());
+    MessageCollector store(&finder);
+    EXPECT_TRUE(messagesJson(store).isEmpty());
+    for (std::string i : {"1", "2", "3", "4"}) {
+        std::string subject = "s" + i, text = "<p>t" + i + "</p>", date = "0" + i + ".01.2024 10:00:00";
+        store.insertMessage(subject, text, date);
+    }
+    for (std::size_t at : {0u, 1u, 3u}) {
+        while (store.currentIndex() > at)
+            store.prevMessage();
+        const QJsonArray list = messagesJson(store);
+        ASSERT_EQ(4, list.size());
+        EXPECT_EQ("s1", list.at(0).toObject().value("subject").toString());
+        EXPECT_EQ("<p>t4</p>", list.at(3).toObject().value("text").toString());
+        EXPECT_EQ("02.01.2024 10:00:00", list.at(1).toObject().value("date").toString());
+        EXPECT_EQ(at, store.currentIndex());
+        while (store.currentIndex() < 3)
+            store.nextMessage();
+    }
+}
+
+TEST(HtmlTextTest, TagsGoEntitiesAreDecodedBlocksBreakLines)
+{
+    const std::pair<const char*, const char*> cases[] = {
+        {"<p>Dear subscriber,</p><p>see <a href=\"x\">our page</a>.</p>", "Dear subscriber,\n\nsee our page."},
+        {"Fish &amp; Chips &lt;b&gt; &quot;q&quot; &#39;s&#39; a&nbsp;b", "Fish & Chips <b> \"q\" 's' a b"},
+        {"&#8364; &#x20AC; &apos; &copy; &amp", "\u20ac \u20ac ' &copy; &amp"},
+        {"&#0; &#x110000; &#xD800;", "&#0; &#x110000; &#xD800;"},
+        {"one<br>two<br/><br />four", "one\ntwo\n\nfour"},
+        {"  lots \n of\t\tspace  ", "lots of space"},
+        {"<ul><li>first</li><li>second</li></ul>", "- first\n- second"},
+        {"<table><tr><th>A</th><th>B</th></tr><tr><td>1</td><td>2</td></tr></table>after", "A  B\n1  2\n\nafter"},
+        {"a < b and c > d", "a < b and c > d"},
+        {"x<!-- <p>hidden</p> -->y", "xy"},
+        {"<style>p { color: red }</style><script>if (a < b) x();</script>shown", "shown"},
+        {"<H1>Title</H1><DIV>Body</DIV>", "Title\n\nBody"},
+        {"cut <b", "cut"},
+    };
+    for (const auto& [html, text] : cases) {
+        SCOPED_TRACE(html);
+        EXPECT_EQ(QString::fromUtf8(text).toStdString(), htmlToText(QString::fromUtf8(html)).toStdString());
+    }
 }
 
 } // namespace
