@@ -1,5 +1,5 @@
-// Packet building, serialisation, parsing, the read cursor and the direct
-// socket helpers, checked against wire images written out byte for byte.
+// Packet building, serialisation, parsing and the read cursor, checked
+// against wire images written out byte for byte.
 #include "rpc2packet.h"
 #include "rpctest.h"
 
@@ -179,56 +179,17 @@ TEST(PacketParse, RefusesSizesThatDoNotFit)
     EXPECT_EQ(parse(p, full), 12);
 
     // Attribute sizes below the attribute header, or beyond the packet, stop
-    // parsing there; what came before stays. The socket reader refuses them too.
+    // parsing there; what came before stays.
     for (int declared : {0, 3, 9}) {
         SCOPED_TRACE(declared);
         const Bytes bad{ra_data, 0, 0, static_cast<unsigned char>(declared), 1, 2, 3, 4};
         ASSERT_EQ(parse(p, concat({hexBytes("C8 23 00 14 03 00 00 08 00 00 00 2A"), bad})), 12);
         EXPECT_EQ(intAttr(p, ra_call), 42);
         EXPECT_FALSE(p.find(ra_data));
-        if (declared < 4) { // a declared 9 would make the socket reader wait for more
-            SocketPair sp;
-            sp.writePeer(bad);
-            EXPECT_EQ(thrown([&] { delete p.recv_attr(sp.near()); }), ec_inval);
-        }
     }
 
     // The attribute region is limited to 32768 bytes; beyond that the first attribute already fails.
     ASSERT_EQ(parse(p, wirePacket(rc_session_data, {{ra_data, Bytes(32764, 0xAB)}})), 32772);
     EXPECT_EQ(parse(p, wirePacket(rc_session_data, {{ra_data, Bytes(32764, 0xAB)}, {ra_data, Bytes()}})), 4);
     EXPECT_FALSE(p.find(ra_data));
-}
-
-TEST(PacketSocket, PiecewiseOutputReadsBackWholeAndAsAFragment)
-{
-    SocketPair sp;
-    RPC2Packet out;
-    out.code(rc_session_init);
-    ASSERT_EQ(out.put_data("abc", 3), 0);
-    ASSERT_EQ(out.put(ra_key, chars(challenge), 16), 0);
-    out.send_header(sp.near());
-    for (const auto& entry : out.control_attrs())
-        out.send_attr(sp.near(), entry.second);
-    for (const auto& entry : out.data_attrs())
-        out.send_attr(sp.near(), entry.base);
-    const Bytes wire = dumped(out);
-    EXPECT_EQ(sp.readPeer(), wire);
-
-    RPC2Packet in;
-    EXPECT_FALSE(in.recv_ready(sp.near()));
-    sp.writePeer(wire);
-    ASSERT_TRUE(in.recv_header_check(sp.near())); // a peek: the header stays
-    in.recv_header(sp.near());
-    EXPECT_EQ(std::tuple(in.code(), in.version(), in.size()), std::tuple(int(rc_session_init), 0x23, 31));
-    in.recv_attr(sp.near(), in.size() - 4);
-    EXPECT_EQ(dumped(in), wire);
-
-    // The attributes without a header, as a fragment carries them, are read while input is ready.
-    RPC2Packet frag;
-    frag.code(rc_session_init);
-    sp.writePeer(Bytes(wire.begin() + 4, wire.end()));
-    EXPECT_FALSE(frag.recv_header_check(sp.near()));
-    frag.recv_attr_cont(sp.near());
-    EXPECT_FALSE(frag.recv_ready(sp.near()));
-    EXPECT_EQ(dumped(frag), wire);
 }
