@@ -1,17 +1,28 @@
-// The settings file and the message store's file, in a throw-away home each.
+// The settings file, the message store's file, the autostart entry and the
+// balance history, each test in a throw-away home.
+#include "autostartentry.h"
+#include "balancehistory.h"
+#include "childprocess.h"
 #include "config.h"
 #include "filefinderqt.h"
 #include "messagecollector.h"
 
 #include <QDir>
+#include <QStandardPaths>
 #include <QTemporaryDir>
 #include <QtEndian>
 
 #include <gtest/gtest.h>
 
+#include <chrono>
 #include <csignal>
+#include <poll.h>
+#include <random>
 #include <sys/resource.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
+#include <tuple>
+#include <unistd.h>
 
 namespace {
 
@@ -33,6 +44,19 @@ QByteArray record(const QByteArray& subject, const QByteArray& text = "text", co
     return field(subject) + field(text) + field(date);
 }
 
+QByteArray readFile(const QString& path)
+{
+    QFile f(path);
+    return f.open(QIODevice::ReadOnly) ? f.readAll() : QByteArray("(missing)");
+}
+
+void writeFile(const QString& path, const QByteArray& data)
+{
+    QDir().mkpath(QFileInfo(path).absolutePath());
+    QFile f(path);
+    ASSERT_TRUE(f.open(QIODevice::WriteOnly) && f.write(data) == data.size());
+}
+
 int mode(const QString& path)
 {
     struct stat st {};
@@ -46,17 +70,6 @@ protected:
         ASSERT_TRUE(dir.isValid());
         qputenv("XDG_CONFIG_HOME", QFile::encodeName(dir.filePath("config")));
         qputenv("XDG_DATA_HOME", QFile::encodeName(dir.filePath("data")));
-    }
-    static QByteArray read(const QString& path)
-    {
-        QFile f(path);
-        return f.open(QIODevice::ReadOnly) ? f.readAll() : "(missing)";
-    }
-    static void write(const QString& path, const QByteArray& data)
-    {
-        QDir().mkpath(QFileInfo(path).absolutePath());
-        QFile f(path);
-        ASSERT_TRUE(f.open(QIODevice::WriteOnly) && f.write(data) == data.size());
     }
     static void add(MessageCollector& store, std::string subject, std::string text = "text")
     {
@@ -108,7 +121,7 @@ TEST_F(StorageTest, ConfigLoadTakesTheValuesInTurnUntilTheFirstMissingOrInvalidO
         {"switch_internet_on_exit=0\n", "", "no b.net|w.net:8443|secret|11759|300|0"},
         {"start_on_login=1", "start_on_login=true", "no b.net|w.net:8443|secret|11759|300|0"}};
     for (const auto& [from, to, expected] : cases) {
-        write(config, QByteArray(goodConfig).replace(from, to));
+        writeFile(config, QByteArray(goodConfig).replace(from, to));
         Config<QString> cfg;
         const QString result = cfg._load() ? "ok" : "no";
         EXPECT_EQ(QString("%1 %2|%3|%4|%5|%6|%7").arg(result, cfg.address, cfg.webServerAddress, cfg.password)
@@ -132,27 +145,27 @@ TEST_F(StorageTest, ConfigRoundTripsAndSavingOnlyTheMessageTimeKeepsTheRest)
                 && !in.switchInternetOnStart && in.switchInternetOnExit && !in.startOnLogin);
 
     // Only the message time: the rest of the file stays as it was, and private.
-    const QByteArray text = read(config);
+    const QByteArray text = readFile(config);
     ASSERT_EQ(::chmod(QFile::encodeName(config).constData(), 0644), 0);
     in.address = "other.example.net", in.port = 1, in.lastMessageCheck = 2000;
     ASSERT_TRUE(in._save(false));
     EXPECT_EQ(mode(config), 0600);
-    EXPECT_EQ(read(config), QByteArray(text).replace("=1234567890", "=2000"));
+    EXPECT_EQ(readFile(config), QByteArray(text).replace("=1234567890", "=2000"));
 }
 
 TEST_F(StorageTest, MessageFileHoldsLengthPrefixedRecordsAndIsNeverLeftHalfWritten)
 {
     // First use: the finder makes an empty file, private to the subscriber.
     EXPECT_EQ(QString::fromStdString(finder.findFile(FileFinder::MessagesFile)), messages);
-    EXPECT_TRUE(read(messages).isEmpty() && mode(messages) == 0600);
+    EXPECT_TRUE(readFile(messages).isEmpty() && mode(messages) == 0600);
 
-    write(messages, record(QByteArray("ab\0cd", 5)));
+    writeFile(messages, record(QByteArray("ab\0cd", 5)));
     {
         MessageCollector store(&finder);
         EXPECT_EQ(shown(store), "ab"); // cut at the zero byte
         add(store, std::string(300, 'x')), add(store, "ab"); // no duplicate detection
     } // destruction saves
-    EXPECT_EQ(read(messages), record("ab") + record(QByteArray(300, 'x')) + record("ab"));
+    EXPECT_EQ(readFile(messages), record("ab") + record(QByteArray(300, 'x')) + record("ab"));
     EXPECT_EQ(MessageCollector(&finder).currentIndex(), 2u);
 
     // Damaged files: the whole records are kept and written back without the damage.
@@ -161,16 +174,16 @@ TEST_F(StorageTest, MessageFileHoldsLengthPrefixedRecordsAndIsNeverLeftHalfWritt
         {two + "xyz", 2}, {record("s1") + "\xff\xff\xff\xff" "rest", 1},
         {record("s1") + field("s2") + "\x10\x00\x00\x00" "short", 1}, {QByteArray("\x01\x00\x00", 3), 0}};
     for (const auto& [data, kept] : files) {
-        write(messages, data);
+        writeFile(messages, data);
         MessageCollector store(&finder);
         EXPECT_EQ(store.count(), std::size_t(kept));
         EXPECT_FALSE(store.synchronize(false));
         ASSERT_TRUE(store.synchronize(true));
-        EXPECT_EQ(read(messages), two.left(kept * record("s1").size()));
+        EXPECT_EQ(readFile(messages), two.left(kept * record("s1").size()));
     }
 
     // A full disk: the file size limit stops the new copy half-way, and the old file stays whole.
-    write(messages, record("old"));
+    writeFile(messages, record("old"));
     MessageCollector store(&finder);
     add(store, std::string(64 * 1024, 'n'));
     const auto previous = std::signal(SIGXFSZ, SIG_IGN);
@@ -181,7 +194,7 @@ TEST_F(StorageTest, MessageFileHoldsLengthPrefixedRecordsAndIsNeverLeftHalfWritt
     const bool written = store.synchronize(true);
     setrlimit(RLIMIT_FSIZE, &saved), std::signal(SIGXFSZ, previous);
     EXPECT_FALSE(written);
-    EXPECT_EQ(read(messages), record("old"));
+    EXPECT_EQ(readFile(messages), record("old"));
     EXPECT_EQ(QDir(dir.filePath("data/zel5_tray")).entryList(QDir::Files), QStringList{"messages"}); // no copy left
 }
 
@@ -189,15 +202,15 @@ TEST_F(StorageTest, MessageFileHoldsLengthPrefixedRecordsAndIsNeverLeftHalfWritt
 TEST_F(StorageTest, ReadingAgainTakesWhateverTheFileNowHoldsAndKeepsTheListWhenItIsGone)
 {
     const QByteArray longer(100, 'L');
-    write(messages, record(longer, longer) + record("two", "t") + record(longer, "three"));
+    writeFile(messages, record(longer, longer) + record("two", "t") + record(longer, "three"));
     MessageCollector store(&finder);
     ASSERT_EQ(store.count(), 3u);
     // Fewer and shorter messages over longer ones, one cut at its zero byte.
-    write(messages, record(QByteArray("ab\0cd", 5), "x") + record("b", QByteArray(300, 'y')));
+    writeFile(messages, record(QByteArray("ab\0cd", 5), "x") + record("b", QByteArray(300, 'y')));
     EXPECT_TRUE(store.synchronize(false));
     EXPECT_EQ(listed(store), "ab|x\nb|" + std::string(300, 'y') + "\n");
     // More than the list holds.
-    write(messages, record("1") + record("2") + record("3") + record("4"));
+    writeFile(messages, record("1") + record("2") + record("3") + record("4"));
     EXPECT_TRUE(store.synchronize(false));
     EXPECT_EQ(store.count(), 4u);
     EXPECT_EQ(store.currentIndex(), 3u);
@@ -205,7 +218,7 @@ TEST_F(StorageTest, ReadingAgainTakesWhateverTheFileNowHoldsAndKeepsTheListWhenI
     ASSERT_TRUE(QFile::remove(messages));
     EXPECT_FALSE(store.synchronize(false));
     EXPECT_EQ(store.count(), 4u);
-    write(messages, QByteArray());
+    writeFile(messages, QByteArray());
     EXPECT_TRUE(store.synchronize(false));
     EXPECT_TRUE(store.empty());
 }
@@ -222,13 +235,13 @@ TEST_F(StorageTest, StoresLargerThanTheWriteBufferRoundTripByteForByte)
             expected += record(QByteArray::fromStdString("Notice " + std::to_string(i)), QByteArray::fromStdString(text));
         }
         ASSERT_TRUE(store.synchronize(true));
-        EXPECT_EQ(read(messages), expected);
+        EXPECT_EQ(readFile(messages), expected);
     }
     MessageCollector again(&finder);
     EXPECT_EQ(again.count(), 1200u);
     EXPECT_TRUE(again.synchronize(false));
     ASSERT_TRUE(again.synchronize(true));
-    EXPECT_EQ(read(messages), expected);
+    EXPECT_EQ(readFile(messages), expected);
 }
 
 TEST_F(StorageTest, MessageCursorStopsAtBothEndsAndDeletingShowsTheNeighbour)
@@ -246,4 +259,303 @@ TEST_F(StorageTest, MessageCursorStopsAtBothEndsAndDeletingShowsTheNeighbour)
     store.prevMessage(), store.deleteMessage(), walk += shown(store);
     store.deleteMessage(), walk += shown(store);
     EXPECT_EQ(walk, "-dcbaab" "ccc-");
+}
+
+namespace {
+
+QByteArray execLine(const QString& path)
+{
+    for (const QByteArray& line : readFile(path).split('\n')) {
+        if (line.startsWith("Exec="))
+            return line.mid(5);
+    }
+    return "(none)";
+}
+
+ino_t inode(const QString& path)
+{
+    struct stat st {};
+    return ::lstat(QFile::encodeName(path).constData(), &st) == 0 ? st.st_ino : 0;
+}
+
+class AutostartTest : public StorageTest {
+protected:
+    void SetUp() override
+    {
+        StorageTest::SetUp();
+        ASSERT_EQ(AutostartEntry::path(), entry);
+    }
+
+    const QString entry = dir.filePath("config/autostart/zel5_tray.desktop");
+    const QString program = QStringLiteral("/usr/bin/zel5_tray");
+};
+
+} // namespace
+
+TEST_F(AutostartTest, EnabledWritesTheEntryAndDisabledRemovesIt)
+{
+    ASSERT_TRUE(AutostartEntry::apply(false, program)); // nothing there: nothing to do
+    EXPECT_FALSE(QFileInfo::exists(dir.filePath("config/autostart")));
+    ASSERT_TRUE(AutostartEntry::apply(true, program)); // the folder does not exist yet
+    EXPECT_EQ(readFile(entry), "[Desktop Entry]\nType=Application\nName=Orvane ZEL5 Tray\n"
+                           "Comment=Shows the state of your internet account in the system tray\n"
+                           "Exec=/usr/bin/zel5_tray\nIcon=zel5_tray\nTerminal=false\nCategories=Network;Qt;\n"
+                           "X-GNOME-Autostart-enabled=true\n");
+    EXPECT_EQ(QDir(dir.filePath("config/autostart")).entryList(QDir::Files), QStringList{"zel5_tray.desktop"});
+    ASSERT_TRUE(AutostartEntry::apply(false, program));
+    EXPECT_FALSE(QFileInfo::exists(entry));
+    EXPECT_TRUE(AutostartEntry::apply(false, program));
+}
+
+TEST_F(AutostartTest, AtStartTheEntryIsBroughtInLineAndRewrittenOnlyWhenItDiffers)
+{
+    // An entry left by an install elsewhere starts the wrong program.
+    writeFile(entry, "[Desktop Entry]\nType=Application\nName=Orvane ZEL5 Tray\nExec=/opt/old/zel5_tray\n");
+    ASSERT_TRUE(AutostartEntry::apply(true, program));
+    EXPECT_EQ(execLine(entry), "/usr/bin/zel5_tray");
+    const ino_t first = inode(entry);
+    ASSERT_TRUE(AutostartEntry::apply(true, program));
+    EXPECT_EQ(inode(entry), first) << "the same entry again is left alone";
+
+    // A link in its place, say to the system-wide entry, is replaced; its target stays as it was.
+    const QString system = dir.filePath("zel5_tray.desktop");
+    writeFile(system, "[Desktop Entry]\nExec=zel5_tray\n");
+    ASSERT_TRUE(QFile::remove(entry) && QFile::link(system, entry));
+    ASSERT_TRUE(AutostartEntry::apply(true, program));
+    EXPECT_FALSE(QFileInfo(entry).isSymLink());
+    EXPECT_EQ(execLine(entry), "/usr/bin/zel5_tray");
+    EXPECT_EQ(readFile(system), "[Desktop Entry]\nExec=zel5_tray\n");
+    // A dangling link goes when the entry is turned off.
+    ASSERT_TRUE(QFile::remove(entry) && QFile::link(dir.filePath("gone.desktop"), entry));
+    ASSERT_TRUE(AutostartEntry::apply(false, program));
+    EXPECT_FALSE(QFileInfo(entry).isSymLink());
+}
+
+TEST_F(AutostartTest, BadProgramPathsAndUnwritablePlacesFailWithoutLosingTheEntry)
+{
+    ASSERT_TRUE(AutostartEntry::apply(true, program));
+    const QByteArray good = readFile(entry);
+    for (const QString& bad : {QString(), QStringLiteral("zel5_tray"), QStringLiteral("bin/zel5_tray"),
+                               QStringLiteral("/opt/a\nb/zel5_tray"), QStringLiteral("/opt/a\x01")}) {
+        EXPECT_FALSE(AutostartEntry::apply(true, bad)) << qPrintable(bad);
+        EXPECT_EQ(readFile(entry), good) << qPrintable(bad);
+    }
+    // The entry's name taken by a folder: neither written nor removed.
+    ASSERT_TRUE(QFile::remove(entry) && QDir().mkpath(entry + "/x"));
+    EXPECT_FALSE(AutostartEntry::apply(true, program));
+    EXPECT_FALSE(AutostartEntry::apply(false, program));
+    EXPECT_TRUE(QFileInfo(entry).isDir());
+    // The autostart folder's name taken by a file.
+    ASSERT_TRUE(QDir(dir.filePath("config/autostart")).removeRecursively());
+    writeFile(dir.filePath("config/autostart"), "not a folder");
+    EXPECT_FALSE(AutostartEntry::apply(true, program));
+    EXPECT_TRUE(AutostartEntry::apply(false, program)); // no entry there
+}
+
+// A launcher takes the Exec value's string escapes first, then the quoting of the argument.
+TEST_F(AutostartTest, ExecQuotesAndEscapesAPathSoThatTheLauncherGetsItWhole)
+{
+    const std::pair<QString, QString> paths[] = {
+        {QString::fromUtf8("/opt/программы/zel5_tray"), QString::fromUtf8("/opt/программы/zel5_tray")},
+        {"/opt/a=b/50%/zel5_tray", "/opt/a=b/50%%/zel5_tray"},
+        {"/opt/my apps/zel5_tray", "\"/opt/my apps/zel5_tray\""},
+        {R"(/home/it's (new)/`id` $HOME \ "x" 50%/zel5_tray)",
+         R"("/home/it's (new)/\\`id\\` \\$HOME \\\\ \\"x\\" 50%%/zel5_tray")"}};
+    for (const auto& [path, exec] : paths) {
+        ASSERT_TRUE(AutostartEntry::apply(true, path)) << qPrintable(path);
+        EXPECT_EQ(QString::fromUtf8(execLine(entry)), exec) << qPrintable(path);
+    }
+    for (const QChar c : QStringLiteral(" \"'\\><~|&;$*?#()`")) // each one alone makes the quotes
+        EXPECT_TRUE(AutostartEntry::execValue(QStringLiteral("/opt/a%1b").arg(c)).startsWith(u'"')) << int(c.unicode());
+}
+
+TEST_F(AutostartTest, TheWrittenEntryPassesDesktopFileValidate)
+{
+    const QString validator = QStandardPaths::findExecutable(QStringLiteral("desktop-file-validate"));
+    if (validator.isEmpty())
+        GTEST_SKIP() << "desktop-file-validate is not installed (Debian package desktop-file-utils)";
+    for (const QString& path : {program, QStringLiteral("/home/it's (new)/`id` $HOME \\ \"x\" 50%/zel5_tray")}) {
+        ASSERT_TRUE(AutostartEntry::apply(true, path));
+        zel5test::ChildProcess run({validator.toStdString(), entry.toStdString()}, {},
+                                   zel5test::ChildProcess::CaptureBoth);
+        ASSERT_TRUE(run.started()) << run.startError();
+        const auto exit = run.waitExit(std::chrono::seconds(30));
+        ASSERT_TRUE(exit) << "desktop-file-validate did not end within 30 s";
+        EXPECT_EQ(exit->code(), 0) << exit->describe();
+        EXPECT_EQ(run.takeStdout() + run.stderrText(), "") << qPrintable(path);
+    }
+}
+
+namespace {
+
+constexpr qint64 Day = 86400;
+constexpr qint64 Now = 1700000000;
+
+// count samples a second apart from Now, of balances 0 and 1 in turn.
+QByteArray lines(int count)
+{
+    QByteArray text;
+    for (int i = 0; i < count; ++i)
+        text += QByteArray::number(Now + i) + ' ' + QByteArray::number(i % 2) + '\n';
+    return text;
+}
+
+QString text(const QVector<BalanceHistory::Sample>& samples)
+{
+    QStringList parts;
+    for (const BalanceHistory::Sample& s : samples)
+        parts << QStringLiteral("%1:%2").arg(s.time).arg(s.balance, 0, 'g', 17);
+    return parts.join(' ');
+}
+
+class BalanceHistoryTest : public StorageTest {
+protected:
+    const QString path = dir.filePath("data/zel5_tray/balance_history");
+};
+
+} // namespace
+
+TEST_F(BalanceHistoryTest, EachChangeIsRecordedOnceAndSurvivesAReload)
+{
+    BalanceHistory history(path);
+    ASSERT_TRUE(history.load()); // no file yet: an empty history
+    EXPECT_TRUE(history.samples().isEmpty());
+    EXPECT_TRUE(history.record(1000, 10.5)); // the folder does not exist yet
+    EXPECT_FALSE(history.record(1300, 10.5));
+    EXPECT_TRUE(history.record(1900, 0.1 + 0.2));
+    EXPECT_TRUE(history.record(2200, -7));
+    EXPECT_TRUE(history.record(2500, 10.5)); // only the newest sample counts as "the same"
+    EXPECT_FALSE(history.record(3000, qQNaN()));
+    EXPECT_FALSE(history.record(3000, qInf()));
+    EXPECT_EQ(readFile(path), "1000 10.5\n1900 0.30000000000000004\n2200 -7\n2500 10.5\n");
+    EXPECT_EQ(QDir(QFileInfo(path).absolutePath()).entryList(QDir::Files | QDir::Hidden),
+              QStringList{"balance_history"}) << "a save left a temporary file behind";
+    struct stat st {};
+    ASSERT_EQ(::stat(QFile::encodeName(path).constData(), &st), 0);
+    EXPECT_EQ(st.st_mode & 0777, 0600u) << "the balance is the subscriber's own business";
+
+    BalanceHistory reloaded(path);
+    ASSERT_TRUE(reloaded.load());
+    EXPECT_EQ(text(reloaded.samples()), text(history.samples()));
+    EXPECT_EQ(reloaded.samples()[1].balance, 0.1 + 0.2) << "the balance round-trips exactly";
+    EXPECT_FALSE(reloaded.record(2800, 10.5)) << "a reload remembers the newest balance";
+    EXPECT_EQ(text(reloaded.since(1900)), "1900:0.30000000000000004 2200:-7 2500:10.5");
+    EXPECT_EQ(text(reloaded.since(2501)), "");
+
+    // A clock that went back drops the samples from its future, on disk too, even when nothing is added.
+    EXPECT_TRUE(reloaded.record(2000, 4));
+    EXPECT_EQ(text(reloaded.samples()), "1000:10.5 1900:0.30000000000000004 2000:4");
+    reloaded.record(7000, 5);
+    EXPECT_FALSE(reloaded.record(2100, 4));
+    EXPECT_EQ(readFile(path), "1000 10.5\n1900 0.30000000000000004\n2000 4\n");
+}
+
+TEST_F(BalanceHistoryTest, DamagedLinesAreSkippedAndTheRestSorted)
+{
+    writeFile(path, "300 1\ngarbage\n100 2\n200\n200 x\n250 nan\n260 inf\n150 1e400\n\n400 -3.5 extra\n"
+          "12x 5\n" + QByteArray("\0\xff\x01 7\n", 6) + "500 -2\n600 4");
+    BalanceHistory history(path);
+    ASSERT_TRUE(history.load());
+    EXPECT_EQ(text(history.samples()), "100:2 300:1 500:-2 600:4");
+    // A folder where the file should be cannot be read: not an empty history.
+    ASSERT_TRUE(QFile::remove(path) && QDir().mkpath(path));
+    EXPECT_FALSE(BalanceHistory(path).load());
+}
+
+TEST_F(BalanceHistoryTest, OldAndSurplusSamplesAreDropped)
+{
+    BalanceHistory history(path);
+    history.record(0, 1);
+    history.record(Day, 2);
+    history.record(BalanceHistory::MaxAgeSeconds, 3); // the first is exactly 730 days old: kept
+    EXPECT_EQ(history.samples().size(), 3);
+    history.record(BalanceHistory::MaxAgeSeconds + Day + 1, 4);
+    EXPECT_EQ(text(history.samples()), QString("%1:3 %2:4").arg(BalanceHistory::MaxAgeSeconds)
+                                           .arg(BalanceHistory::MaxAgeSeconds + Day + 1));
+    // Over the cap in the file: the newest are kept, and a record keeps the count at the cap.
+    writeFile(path, lines(BalanceHistory::MaxSamples + 100));
+    ASSERT_TRUE(history.load());
+    ASSERT_EQ(history.samples().size(), BalanceHistory::MaxSamples);
+    EXPECT_EQ(history.samples().first().time, Now + 100);
+    EXPECT_TRUE(history.record(Now + BalanceHistory::MaxSamples + 100, 7));
+    EXPECT_EQ(history.samples().size(), BalanceHistory::MaxSamples);
+    EXPECT_EQ(history.samples().first().time, Now + 101);
+    EXPECT_EQ(readFile(path).count('\n'), BalanceHistory::MaxSamples);
+}
+
+// A writer killed at random moments: the file is always a whole history.
+TEST_F(BalanceHistoryTest, AKilledWriterLeavesTheOldOrTheNewFileWhole)
+{
+    writeFile(path, lines(BalanceHistory::MaxSamples));
+    std::mt19937 random(12345);
+    for (int round = 0; round < 15; ++round) {
+        int ready[2];
+        ASSERT_EQ(::pipe(ready), 0);
+        const pid_t pid = ::fork();
+        ASSERT_GE(pid, 0);
+        if (pid == 0) {
+            // Records until killed, telling once a record saved; gives up after 20 s.
+            ::close(ready[0]);
+            BalanceHistory history(path);
+            history.load();
+            const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(20);
+            for (qint64 t = history.samples().constLast().time + 1; std::chrono::steady_clock::now() < end; ++t) {
+                if (history.record(t, double(t % 3)) && ready[1] >= 0 && ::write(ready[1], "r", 1) == 1)
+                    ::close(ready[1]), ready[1] = -1;
+            }
+            ::_exit(0);
+        }
+        ::close(ready[1]);
+        pollfd started{ready[0], POLLIN, 0};
+        const bool saving = ::poll(&started, 1, 10000) == 1;
+        ::close(ready[0]);
+        if (saving) // somewhere in the saves that follow the first
+            ::usleep(std::uniform_int_distribution<useconds_t>(0, 20000)(random));
+        ::kill(pid, SIGKILL);
+        int status = 0;
+        ASSERT_EQ(::waitpid(pid, &status, 0), pid);
+        ASSERT_TRUE(saving) << "the writer did not start within 10 s";
+
+        const QByteArray data = readFile(path);
+        BalanceHistory history(path);
+        ASSERT_TRUE(history.load());
+        ASSERT_TRUE(data.endsWith('\n') && data.count('\n') == BalanceHistory::MaxSamples
+                    && history.samples().size() == BalanceHistory::MaxSamples)
+            << "round " << round << ": " << data.count('\n') << " lines, " << history.samples().size() << " samples";
+    }
+    BalanceHistory after(path);
+    ASSERT_TRUE(after.load());
+    EXPECT_GT(after.samples().constLast().time, Now + BalanceHistory::MaxSamples) << "the writers saved something";
+}
+
+TEST_F(BalanceHistoryTest, AForecastNeedsSevenDaysOfFallingBalanceSinceTheLastPaymentWithinNinetyDays)
+{
+    // Balances one a day, the last at Now.
+    const std::tuple<const char*, QVector<double>, std::optional<int>> cases[] = {
+        {"10 a day, 30 left", {100, 90, 80, 70, 60, 50, 40, 30}, 3},
+        {"a part day rounds up", {105, 95, 85, 75, 65, 55, 45, 35}, 4},
+        {"six days", {90, 80, 70, 60, 50, 40, 30}, std::nullopt},
+        {"first and last set the rate", {100, 99, 98, 97, 96, 95, 94, 30}, 3},
+        {"run out", {70, 60, 50, 40, 30, 20, 10, 0}, std::nullopt},
+        {"in debt", {65, 55, 45, 35, 25, 15, 5, -5}, std::nullopt},
+        {"one sample", {50}, std::nullopt},
+        {"paid three days ago", {100, 90, 80, 70, 60, 50, 40, 30, 20, 200, 190, 180, 170}, std::nullopt},
+        {"a payment, then 210 to 120 in 9 days", {100, 90, 80, 210, 200, 190, 180, 170, 160, 150, 140, 130, 120}, 12},
+        {"only rising", {10, 20, 30, 40, 50, 60, 70, 80}, std::nullopt},
+    };
+    for (const auto& [name, balances, days] : cases) {
+        BalanceHistory history(path);
+        for (qsizetype i = 0; i < balances.size(); ++i)
+            history.record(Now - (balances.size() - 1 - i) * Day, balances[i]);
+        EXPECT_EQ(history.daysLeft(Now), days) << name;
+    }
+
+    BalanceHistory history(path);
+    history.record(Now - 100 * Day, 500);
+    history.record(Now - 5 * Day, 400);
+    history.record(Now, 300);
+    EXPECT_EQ(history.daysLeft(Now), std::nullopt) << "the fall within 90 days spans 5 days";
+    history.record(Now + 3 * Day, 280); // 120 over 8 days: 15 a day
+    EXPECT_EQ(history.daysLeft(Now + 3 * Day), 19);
+    EXPECT_EQ(history.daysLeft(Now + 92 * Day), std::nullopt) << "only the last sample left in the window";
 }
