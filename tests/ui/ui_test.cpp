@@ -16,7 +16,6 @@
 #include <QLineEdit>
 #include <QMenu>
 #include <QPushButton>
-#include <QSpinBox>
 #include <QTcpServer>
 #include <QTemporaryDir>
 #include <QTest>
@@ -107,15 +106,6 @@ TEST_F(ZEL5IconTest, PicturesAddTheBarOrTheMessageToTheBase)
     const int half = b.height() / 2;
     EXPECT_EQ(m.copy(0, 0, b.width(), half), b.copy(0, 0, b.width(), half));
     EXPECT_NE(m.copy(0, half, b.width(), half), b.copy(0, half, b.width(), half));
-
-    // Transparent pixels just around the bar become opaque; opaque ones keep their colour.
-    QPixmap clear(22, 22), opaque(22, 22);
-    clear.fill(Qt::transparent);
-    opaque.fill(Qt::white);
-    icon.drawRoundRect(Qt::green, clear);
-    icon.drawRoundRect(Qt::green, opaque);
-    EXPECT_EQ(std::tuple(at(clear, 0, 16).alpha(), at(clear, 1, 16).alpha()), std::tuple(0, 255));
-    EXPECT_EQ(std::tuple(at(opaque, 1, 16), at(opaque, 11, 16)), std::tuple(QColor(Qt::white), QColor(Qt::green)));
 }
 
 TEST_F(ZEL5IconTest, StatesDrivePictureAndMenu)
@@ -217,31 +207,12 @@ int execDialog(QDialog& dialog, const std::function<void()>& action)
     return dialog.exec();
 }
 
-TEST(SettingsDialogTest, TabOrderFieldRulesAndTransferBothWays)
+TEST(SettingsDialogTest, FieldRulesAndTransferBothWays)
 {
-    const QStringList order = {"gbNetwork/txtServerAddress", "gbNetwork/txtServerPort", "gbNetwork/txtLogin",
-        "gbNetwork/txtPassword", "gbNetwork/spinRefreshRate", "gbNetwork/txtWebserverAddress", "gbOther/cbTurnOnStart",
-        "gbOther/cbTurnOnExit", "gbOther/cbStartOnSysStart", "gbOther/cbNotifications", "gbOther/txtLowBalance",
-        "SettingsDialog/cbSaveSettings", "SettingsDialog/buttonOk", "SettingsDialog/buttonCancel"};
     SettingsDialog dialog;
-    // Usable values, so that OK is enabled and takes the focus in turn.
     child<QLineEdit>(&dialog, "txtServerAddress")->setText("billing.example.net");
-    child<QLineEdit>(&dialog, "txtServerPort")->setText("11758");
     child<QLineEdit>(&dialog, "txtLogin")->setText("anna");
     dialog.show();
-    ASSERT_TRUE(QTest::qWaitForWindowActive(&dialog));
-    child(&dialog, "txtServerAddress")->setFocus();
-    QStringList visited;
-    for (int i = 0; i <= order.size(); ++i) {
-        QWidget* focus = QApplication::focusWidget();
-        ASSERT_NE(focus, nullptr);
-        QTest::keyClick(focus, Qt::Key_Tab);
-        if (qobject_cast<QSpinBox*>(focus->parentWidget())) // the spin box's own editor stands for it
-            focus = focus->parentWidget();
-        visited << focus->parent()->objectName() + '/' + focus->objectName();
-    }
-    EXPECT_EQ(visited, order + QStringList{order.first()});
-
     // OK waits for a port from 1 to 65535, an address and a login, and the field says why it waits.
     auto* port = child<QLineEdit>(&dialog, "txtServerPort");
     auto* ok = child<QPushButton>(&dialog, "buttonOk");
@@ -262,13 +233,6 @@ TEST(SettingsDialogTest, TabOrderFieldRulesAndTransferBothWays)
         child<QLineEdit>(&dialog, field)->clear();
         EXPECT_FALSE(ok->isEnabled()) << field;
         child<QLineEdit>(&dialog, field)->setText(was);
-    }
-    auto* spin = child<QSpinBox>(&dialog, "spinRefreshRate");
-    for (const auto& [rate, steps, shown] : {std::tuple{30, -1, "120 sec."}, {5000, 1, "1000 sec."}}) {
-        copy.refreshRate = rate;
-        dialog.importSettings(&copy);
-        spin->stepBy(steps);
-        EXPECT_EQ(spin->text(), shown);
     }
 
     const auto fields = [](Config<QString>& c) {
