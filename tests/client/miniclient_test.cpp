@@ -2,13 +2,10 @@
 // the simulator's accounts cannot give; the stored password's scrambling.
 #include "billingsim.h"
 #include "filefinder.h"
+#include "loopback.h"
 #include "messagecollector.h"
 #include "miniclient.h"
 #include "scramble.h"
-
-#include <arpa/inet.h>
-#include <sys/socket.h>
-#include <unistd.h>
 
 #include <gtest/gtest.h>
 
@@ -16,6 +13,7 @@
 #include <chrono>
 #include <cstdlib>
 #include <filesystem>
+#include <memory>
 #include <sstream>
 #include <thread>
 
@@ -57,7 +55,6 @@ protected:
                          {"Mail", {}, {}, {}}},
             .messages = {{1000, "first", "<p>1</p>"}, {3000, "third", "<p>3</p>"}, {2000, "second", "<p>2</p>"}}});
         mc.address = "127.0.0.1", mc.port = sim.port(), mc.login = "ivan", mc.password = "secret";
-        mc.requiredVersion = "5.1.9";
         mc.setMessageCollector(&store);
         ::setenv("TZ", "MSK-3", 1), ::tzset(); // message dates are shown in local time
     }
@@ -66,51 +63,38 @@ protected:
     MessageCollector store{&finder};
     zel5sim::BillingSim sim{zel5sim::Options{.port = 0}};
     MiniClient mc;
-    long lastCheck = 999;
-    bool gotNew = true;
+    std::vector<MessageCollector::ZELMessage> got;
+    // The calls the tray and zel5ctl make, by name.
+    const std::vector<std::pair<std::string, std::function<int()>>> calls = {
+        {"switch", [this] { return mc.changeInternetStatus(); }},
+        {"status", [this] { return mc.refreshInternetStatus(); }},
+        {"report", [this] { return mc.refreshPrepaid(); }},
+        {"messages", [this] { long check = 999; return mc.fetchMessages(check, got); }},
+    };
 };
 
 std::string i32(int v) { return {char(v >> 24), char(v >> 16), char(v >> 8), char(v)}; }
 std::string i64(long long v) { return i32(int(v >> 32)) + i32(int(v)); }
 
+// Packets (second byte 0x23) and their attributes (0) share one header layout.
+std::string frame(int code, char second, const std::string& v)
+{
+    return std::string{char(code), second, char((v.size() + 4) >> 8), char(v.size() + 4)} + v;
+}
+
 // A scripted billing server: its one client gets, unasked, the greeting, a
 // plain login answer and per call an acknowledgement and a data packet of the values.
-class RawServer {
-public:
-    explicit RawServer(const std::vector<std::vector<std::string>>& calls)
-    {
-        std::string out = frame(192, 0x23, frame(6, 0, std::string(16, 'k'))) + frame(194, 0x23, "");
-        for (const auto& values : calls) {
-            std::string data;
-            for (const std::string& v : values)
-                data += frame(5, 0, v);
-            out += frame(200, 0x23, frame(3, 0, i32(0))) + frame(200, 0x23, data + frame(4, 0, i32(1)));
-        }
-        sockaddr_in a{.sin_family = AF_INET, .sin_port = 0, .sin_addr = {htonl(INADDR_LOOPBACK)}, .sin_zero = {}};
-        socklen_t len = sizeof a;
-        ::bind(fd, reinterpret_cast<sockaddr*>(&a), len), ::listen(fd, 1);
-        ::getsockname(fd, reinterpret_cast<sockaddr*>(&a), &len);
-        port = ntohs(a.sin_port);
-        worker = std::thread([this, out] {
-            client = ::accept4(fd, nullptr, nullptr, SOCK_CLOEXEC);
-            ::send(client, out.data(), out.size(), MSG_NOSIGNAL);
-        });
+std::unique_ptr<zel5test::ScriptedServer> rawServer(const std::vector<std::vector<std::string>>& calls)
+{
+    std::string out = frame(192, 0x23, frame(6, 0, std::string(16, 'k'))) + frame(194, 0x23, "");
+    for (const auto& values : calls) {
+        std::string data;
+        for (const std::string& v : values)
+            data += frame(5, 0, v);
+        out += frame(200, 0x23, frame(3, 0, i32(0))) + frame(200, 0x23, data + frame(4, 0, i32(1)));
     }
-    ~RawServer()
-    {
-        ::shutdown(fd, SHUT_RDWR); // ends the wait for a client that never came
-        worker.join();
-        ::close(client), ::close(fd);
-    }
-    // Packets (second byte 0x23) and their attributes (0) share one header layout.
-    static std::string frame(int code, char second, const std::string& v)
-    {
-        return std::string{char(code), second, char((v.size() + 4) >> 8), char(v.size() + 4)} + v;
-    }
-
-    int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0), client = -1, port = 0;
-    std::thread worker;
-};
+    return std::make_unique<zel5test::ScriptedServer>([out](zel5test::ScriptedServer& s) { s.send(out); });
+}
 
 } // namespace
 
@@ -127,10 +111,9 @@ TEST_F(MiniClientSimTest, ConnectTellsWhatStoodInTheWayAndCallsNeedASession)
     }
 
     mc.services->push_back({"stale", {}, {}, {}});
-    EXPECT_TRUE(!mc.retrieveVersion() && mc.setCoreDisconnectHook(false));
-    EXPECT_EQ(std::vector<int>({mc.changeInternetStatus(), mc.refreshInternetStatus(), mc.refreshPrepaid(),
-                                mc.refreshMessages(lastCheck, gotNew)}), std::vector<int>({1, 1, 1, 1}));
-    EXPECT_TRUE(lastCheck == 999 && !gotNew && mc.services->empty());
+    for (const auto& [name, call] : calls)
+        EXPECT_EQ(call(), MiniClient::rcNotConnected) << name;
+    EXPECT_TRUE(mc.services->empty());
 
     // A refused login, a silent server and a failed secure channel are told apart by the reason.
     mc.loginTimeoutMs = 300;
@@ -148,39 +131,6 @@ TEST_F(MiniClientSimTest, ConnectTellsWhatStoodInTheWayAndCallsNeedASession)
     mc.address = "no.such.host.invalid";
     EXPECT_EQ(mc.connect(), MiniClient::rcBadAddress);
     EXPECT_NE(mc.lastError, 0);
-}
-
-TEST_F(MiniClientSimTest, EveryCallReadsTheAccount)
-{
-    ASSERT_EQ(mc.connect(), 0);
-    EXPECT_TRUE(!mc.setCoreDisconnectHook(true) && mc.checkVersion());
-    mc.requiredVersion = "5.1.9 ";
-    EXPECT_FALSE(mc.checkVersion());
-
-    EXPECT_TRUE(mc.refreshInternetStatus() == 0 && mc.internetStatus == 1 && mc.balance == -12.25);
-    EXPECT_TRUE(mc.changeInternetStatus() == 0 && mc.refreshInternetStatus() == 0 && mc.internetStatus == 0);
-
-    ASSERT_EQ(mc.refreshPrepaid(), 0);
-    EXPECT_EQ(mc.sizeDivisor, 1048576);
-    zel5sim::Account account;
-    ASSERT_TRUE(sim.getAccount("ivan", account));
-    EXPECT_EQ(shown(*mc.services), shown(account.services));
-
-    ASSERT_EQ(mc.refreshMessages(lastCheck, gotNew), 0);
-    EXPECT_TRUE(gotNew && lastCheck == 3000 && sim.lastArgument(MiniClient::fnMessages) == 1000);
-    std::string walk, subject, text, date;
-    for (int i = 0; i < 3 && store.currentMessage(subject, text, date); ++i, store.prevMessage())
-        walk += subject + " ";
-    EXPECT_EQ(walk + text + date, "third second first <p>1</p>01.01.1970 03:16:40");
-
-    // Nothing new: the time still moves on and the store is still written.
-    store.deleteMessage();
-    EXPECT_TRUE(mc.refreshMessages(lastCheck, gotNew) == 0 && !gotNew && sim.lastArgument(mc.fnMessages) == 3001);
-    EXPECT_EQ(MessageCollector(&finder).count(), 2u);
-
-    mc.disconnect();
-    EXPECT_TRUE(!mc.connected && mc.services->size() == 2); // the report outlives the session
-    EXPECT_TRUE(sim.waitFor([this] { return sim.lastTermination() == 6; }));
 }
 
 TEST_F(MiniClientSimTest, ReportsSpanningPacketsReadWholeAndANewOneLeavesNothingBehind)
@@ -211,52 +161,40 @@ TEST_F(MiniClientSimTest, ABrokenReplyClosesTheSessionAndKeepsTheOldValues)
     ASSERT_EQ(mc.refreshPrepaid(), 0);
     MiniClient::ServiceList* report = mc.services;
     mc.internetStatus = 77;
-    int (*const calls[])(MiniClient&) = {
-        [](auto& c) { return c.retrieveVersion() ? 0 : 7; }, [](auto& c) { return c.refreshPrepaid(); },
-        [](auto& c) { return c.refreshInternetStatus(); }, [](auto& c) { return c.changeInternetStatus(); }};
     // Cut inside the acknowledgement, right after it, inside the data.
-    for (int i = 0; i < 4; ++i) {
+    for (const auto& [name, call] : calls) {
         for (int bytes : {0, 7, 12, 20}) {
-            if (i == 3 && bytes >= 12)
+            if (name == "switch" && bytes >= 12)
                 continue; // switching replies with nothing after the acknowledgement
             ASSERT_TRUE(mc.connected || mc.connect() == 0);
             sim.addFault({Fault::Stage::Call, Fault::Kind::CutAfter, 0, bytes});
-            EXPECT_EQ(calls[i](mc), 7) << "call " << i << " cut after " << bytes;
+            EXPECT_EQ(call(), 7) << name << " cut after " << bytes;
             EXPECT_FALSE(mc.connected);
         }
     }
     EXPECT_TRUE(mc.services == report && report->size() == 2 && mc.internetStatus == 77);
-
-    // A count of four billion messages ends at the first missing one.
-    ASSERT_EQ(mc.connect(), 0);
-    sim.addFault({Fault::Stage::Call, Fault::Kind::HugeCount, MiniClient::fnMessages});
-    const auto start = Clock::now();
-    EXPECT_EQ(mc.refreshMessages(lastCheck, gotNew), 7);
-    EXPECT_LT(Clock::now() - start, std::chrono::seconds(2));
-    EXPECT_TRUE(lastCheck == 3000 && !gotNew && store.empty() && !mc.connected); // the time came before the count
 }
 
 TEST(MiniClientRaw, ReportListsEndAtAnyMarkerButOneAndFailedReadsKeepWhatCameBefore)
 {
     const std::string tooLong("123456789", 9); // wrong-sized for any number
     MiniClient mc;
-    mc.address = "127.0.0.1", mc.login = "ivan", mc.password = "secret", mc.requiredVersion = "5.1.9";
+    mc.address = "127.0.0.1", mc.login = "ivan", mc.password = "secret";
     {
-        RawServer server({{std::string("5.1.9\0beta", 10)}, {i32(1), tooLong}}); // the balance is broken
-        mc.port = server.port, mc.balance = 10.5;
+        const auto server = rawServer({{i32(1), tooLong}}); // the balance is broken
+        mc.port = server->port, mc.balance = 10.5;
         ASSERT_EQ(mc.connect(), 0);
-        EXPECT_TRUE(mc.checkVersion()); // the version text ends at the zero byte
         EXPECT_EQ(mc.refreshInternetStatus(), 7);
         EXPECT_TRUE(mc.internetStatus == 1 && mc.balance == 10.5 && !mc.connected);
     }
-    RawServer server({
+    const auto server = rawServer({
         {i32(1024), i32(-1), "Internet",                     // any non-zero flag opens a service
          i32(1), i32(7), "Local", i64(5000000000LL), i32(2), // marker 2 ends old prepaid
          i32(0),                                             // prepaid: empty
          i32(1), i32(8), std::string("W\0rld", 5), i64(-1), i32(-7), i32(0)},
         {i32(2048), i32(1), "A", i32(0), i32(0), i32(0), // the second service breaks
          i32(1), "B", i32(1), i32(1), "class", tooLong}});
-    mc.port = server.port;
+    mc.port = server->port;
     ASSERT_EQ(mc.connect(), 0);
     ASSERT_EQ(mc.refreshPrepaid(), 0);
     // Names keep their received length.
@@ -272,21 +210,14 @@ TEST(MiniClientRaw, ReportListsEndAtAnyMarkerButOneAndFailedReadsKeepWhatCameBef
 TEST_F(MiniClientSimTest, StalledCallsEndWithinTheirBoundAndACancelEndsThemAtOnce)
 {
     mc.callTimeoutMs = 300;
-    const std::function<int(MiniClient&)> calls[] = {
-        [](MiniClient& c) { return c.retrieveVersion() ? 0 : 7; },
-        [](MiniClient& c) { return c.changeInternetStatus(); },
-        [](MiniClient& c) { return c.refreshInternetStatus(); },
-        [](MiniClient& c) { return c.refreshPrepaid(); },
-        [this](MiniClient& c) { return c.refreshMessages(lastCheck, gotNew); },
-    };
-    for (const auto& call : calls) {
+    for (const auto& [name, call] : calls) {
         ASSERT_EQ(mc.connect(), 0);
         sim.addFault({.kind = Fault::Kind::Stall}); // until the simulator stops
         const auto start = Clock::now();
-        EXPECT_EQ(call(mc), 7);
+        EXPECT_EQ(call(), 7) << name;
         const auto took = Clock::now() - start;
-        EXPECT_GE(took, std::chrono::milliseconds(250));
-        EXPECT_LT(took, std::chrono::seconds(2));
+        EXPECT_GE(took, std::chrono::milliseconds(250)) << name;
+        EXPECT_LT(took, std::chrono::seconds(2)) << name;
         EXPECT_FALSE(mc.connected);
     }
 
@@ -294,8 +225,7 @@ TEST_F(MiniClientSimTest, StalledCallsEndWithinTheirBoundAndACancelEndsThemAtOnc
     ASSERT_EQ(mc.connect(), 0);
     sim.addFault({.kind = Fault::Kind::Stall});
     const auto start = Clock::now();
-    // Before or during the call's wait, the call ends at once.
-    std::thread quit([this] { mc.cancel(); });
+    std::thread quit([this] { mc.cancel(); }); // before or during the call's wait, the call ends at once
     EXPECT_EQ(mc.refreshInternetStatus(), 7);
     quit.join();
     EXPECT_LT(Clock::now() - start, std::chrono::seconds(1));
@@ -306,24 +236,36 @@ TEST_F(MiniClientSimTest, StalledCallsEndWithinTheirBoundAndACancelEndsThemAtOnc
     EXPECT_EQ(mc.connect(), 0);
 }
 
-// The retrieval the tray uses changes nothing unless it completes: no
-// message is half taken, none is asked for twice.
+// The retrieval changes nothing unless it completes: no message is half
+// taken, none is asked for twice, a count of four billion ends at the first
+// missing message.
 TEST_F(MiniClientSimTest, FetchingMessagesIsAllOrNothing)
 {
-    std::vector<MessageCollector::ZELMessage> got;
-    for (int bytes : {12, 40, 90}) {
+    for (const Fault& fault : {Fault{.kind = Fault::Kind::CutAfter, .function = MiniClient::fnMessages, .bytes = 12},
+                               Fault{.kind = Fault::Kind::CutAfter, .function = MiniClient::fnMessages, .bytes = 40},
+                               Fault{.kind = Fault::Kind::CutAfter, .function = MiniClient::fnMessages, .bytes = 90},
+                               Fault{.kind = Fault::Kind::HugeCount, .function = MiniClient::fnMessages}}) {
         ASSERT_EQ(mc.connect(), 0);
-        sim.addFault({.kind = Fault::Kind::CutAfter, .function = MiniClient::fnMessages, .bytes = bytes});
+        sim.addFault(fault);
         long check = 999;
-        EXPECT_EQ(mc.fetchMessages(check, got), 7) << bytes;
-        EXPECT_TRUE(check == 999 && got.empty()) << bytes;
+        const auto start = Clock::now();
+        EXPECT_EQ(mc.fetchMessages(check, got), 7) << fault.bytes;
+        EXPECT_LT(Clock::now() - start, std::chrono::seconds(2));
+        EXPECT_TRUE(check == 999 && got.empty() && !mc.connected) << fault.bytes;
     }
     ASSERT_EQ(mc.connect(), 0);
     long check = 999;
     ASSERT_EQ(mc.fetchMessages(check, got), 0);
+    EXPECT_EQ(sim.lastArgument(MiniClient::fnMessages), 1000) << "asked from the second after the last check";
     ASSERT_EQ(got.size(), 3u);
     EXPECT_TRUE(check == 3000 && got[0].subject == "first" && got[2].subject == "third");
+    EXPECT_EQ(got[0].date, "01.01.1970 03:16:40") << "local time";
     EXPECT_TRUE(store.empty()); // the caller decides where they go
+
+    // Leaving with the switch-off hook set tells the server so.
+    EXPECT_FALSE(mc.setCoreDisconnectHook(true));
+    mc.disconnect();
+    EXPECT_TRUE(sim.waitFor([this] { return sim.lastTermination() == 6; }));
 }
 
 TEST(Scramble, RoundTripsEveryByteAndDecodesStrayDigitsWithoutComplaint)

@@ -2,14 +2,11 @@
 // store's lock, which zel5ctl holds while it writes the store and time stamp.
 #include "ctlrun.h"
 #include "filefinder.h"
+#include "loopback.h"
 #include "messagecollector.h"
 #include "storelock.h"
 
 #include <QFile>
-
-#include <sys/socket.h>
-#include <netinet/in.h>
-#include <unistd.h>
 
 namespace zel5test {
 namespace {
@@ -44,18 +41,6 @@ int lastMessageCheck()
 }
 
 bool exists(const std::string& path) { return QFile::exists(QString::fromStdString(path)); }
-
-// A loopback port where nothing listens: bound once, then let go.
-int closedPort()
-{
-    const int s = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    sockaddr_in a{AF_INET, 0, {htonl(INADDR_LOOPBACK)}, {}};
-    socklen_t n = sizeof a;
-    const bool bound = ::bind(s, reinterpret_cast<sockaddr*>(&a), sizeof a) == 0
-                       && ::getsockname(s, reinterpret_cast<sockaddr*>(&a), &n) == 0;
-    ::close(s);
-    return bound ? ntohs(a.sin_port) : 0;
-}
 
 using CliTest = CtlTest;
 
@@ -132,7 +117,8 @@ TEST_F(CliTest, FailuresEndWithTheirCodeAndOneLine)
         int code;
         const char* says;
     };
-    const int nobody = closedPort();
+    const LoopbackPort refusing(-1);
+    const int nobody = refusing.port;
     ASSERT_NE(0, nobody);
     const Case cases[] = {
         {"wrong password", [](Config<QString>& s) { s.password = "wrong"; }, 4, "login refused"},

@@ -1,10 +1,10 @@
 // Protocol library test helpers: wire images written as hexadecimal so that
 // they read like a capture, a local socket pair and a stream on it, and
-// bounded waits (a deadline, a cancel flag set from another thread, a
-// watchdog that ends a wait the code under test failed to end).
+// bounded waits (a deadline, a cancel flag set from another thread).
 #ifndef ZEL5_TESTS_RPCTEST_H
 #define ZEL5_TESTS_RPCTEST_H
 
+#include "loopback.h"
 #include "rpc2stream.h"
 #include "rpcctx.h"
 
@@ -15,11 +15,8 @@
 
 #include <atomic>
 #include <chrono>
-#include <condition_variable>
-#include <functional>
 #include <iomanip>
 #include <memory>
-#include <mutex>
 #include <sstream>
 #include <string>
 #include <thread>
@@ -89,16 +86,6 @@ inline ::testing::AssertionResult endedAtBound(Clock::time_point t0, long long b
     return ::testing::AssertionSuccess();
 }
 
-// In a helper thread: true once ms have passed, false as soon as it is asked to stop.
-inline bool delayPassed(std::stop_token stop, int ms)
-{
-    std::mutex m;
-    std::unique_lock<std::mutex> lock(m);
-    std::condition_variable_any cv;
-    cv.wait_for(lock, stop, std::chrono::milliseconds(ms), [] { return false; });
-    return !stop.stop_requested();
-}
-
 // Sets flag afterMs from now, from its own thread.
 class Canceller {
 public:
@@ -124,23 +111,6 @@ public:
 private:
     std::atomic<Clock::rep> setAt{0};
     std::jthread thread; // last: starts once setAt exists
-};
-
-// A test still waiting after ms fails, and rescue ends its wait; destroying the watchdog dismisses it.
-class Watchdog {
-public:
-    Watchdog(int ms, std::string what, std::function<void()> rescue)
-        : thread([ms, what = std::move(what), rescue = std::move(rescue)](std::stop_token stop) {
-              if (!delayPassed(stop, ms))
-                  return;
-              ADD_FAILURE() << "still waiting for " << what << " after " << ms << " ms";
-              rescue();
-          })
-    {
-    }
-
-private:
-    std::jthread thread;
 };
 
 // Two connected local stream sockets. An end handed to a stream, which closes

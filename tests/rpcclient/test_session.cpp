@@ -6,10 +6,8 @@
 #include "rpcclient.h"
 #include "rpctest.h"
 
-#include <arpa/inet.h>
 #include <fcntl.h>
 #include <netinet/tcp.h>
-#include <poll.h>
 
 #include <optional>
 #include <tuple>
@@ -20,98 +18,17 @@ using zel5sim::Fault;
 
 namespace {
 
-// A loopback TCP socket on a port of its own, listening with the given
-// backlog, or not at all (-1): then connects to the port are refused.
-struct LoopbackPort {
-    int fd = ::socket(AF_INET, SOCK_STREAM, 0);
-    sockaddr_in addr{AF_INET, 0, {htonl(INADDR_LOOPBACK)}, {}};
-    int port = 0;
-    explicit LoopbackPort(int backlog)
-    {
-        socklen_t n = sizeof addr;
-        ::bind(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr);
-        ::getsockname(fd, reinterpret_cast<sockaddr*>(&addr), &n);
-        port = ntohs(addr.sin_port);
-        if (backlog >= 0)
-            ::listen(fd, backlog);
-    }
-    ~LoopbackPort() { ::close(fd); }
-};
-
-// A listener whose queue is full: the system drops further connection requests, so a connect hangs.
-struct FullListener : LoopbackPort {
-    std::vector<int> queued;
-    bool full = false;
-    FullListener() : LoopbackPort(0)
-    {
-        for (int i = 0; i < 8 && !full; ++i) { // until a connect gets no answer
-            queued.push_back(::socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK, 0));
-            ::connect(queued.back(), reinterpret_cast<sockaddr*>(&addr), sizeof addr);
-            pollfd p{queued.back(), POLLOUT, 0};
-            full = ::poll(&p, 1, 300) == 0;
-        }
-    }
-    ~FullListener()
-    {
-        for (int s : queued)
-            ::close(s);
-    }
-};
-
-// A one-connection server that plays a script in its own thread, then holds
-// the connection until the test ends; a client still there after 5 s is cut off.
-class ScriptedServer : public LoopbackPort {
-public:
-    explicit ScriptedServer(std::function<void(ScriptedServer&)> script) : LoopbackPort(1)
-    {
-        player = std::jthread([this, script](std::stop_token st) {
-            stop = st;
-            if ((conn = ::accept(fd, nullptr, nullptr)) < 0)
-                return;
-            const timeval bound{5, 0}; // for each read
-            ::setsockopt(conn, SOL_SOCKET, SO_RCVTIMEO, &bound, sizeof bound);
-            script(*this);
-            pause(10000);
-        });
-    }
-    ~ScriptedServer()
-    {
-        player.request_stop();
-        ::shutdown(fd, SHUT_RDWR); // ends the wait in accept
-        cut();
-        player.join();
-        ::close(conn);
-    }
-    bool pause(int ms) { return delayPassed(stop, ms); }
-    void send(const Bytes& b) { ::send(conn, b.data(), b.size(), MSG_NOSIGNAL); }
-    void cut() { ::shutdown(conn, SHUT_RDWR); }
-    // The code of the client's next packet; -1 when none came whole.
-    int readPacket()
-    {
-        unsigned char head[4];
-        if (::recv(conn, head, 4, MSG_WAITALL) != 4 || (head[2] << 8 | head[3]) < 4)
-            return -1;
-        std::vector<unsigned char> body(static_cast<std::size_t>((head[2] << 8 | head[3]) - 4));
-        return ::recv(conn, body.data(), body.size(), MSG_WAITALL) == ssize_t(body.size()) ? head[0] : -1;
-    }
-    // Greets, takes the login request and accepts it granting ssl, each packet after delayMs.
-    bool login(int ssl, int delayMs = 0)
-    {
-        if (!pause(delayMs))
-            return false;
-        send(wirePacket(rc_session_init, {{ra_key, Bytes(16, 0x11)}, {ra_chap_challenge, Bytes(16, 0x22)}}));
-        if (readPacket() != rc_access_request || !pause(delayMs))
-            return false;
-        send(wirePacket(rc_access_accept, {{ra_ssl_request, {0, 0, 0, static_cast<unsigned char>(ssl)}}}));
-        return true;
-    }
-
-private:
-    std::atomic<int> conn{-1};
-    std::stop_token stop;
-    std::jthread player;
-    Watchdog dog{5000, "the scripted server's client", [this] { cut(); }};
-};
+// Greets, takes the login request and accepts it granting ssl, each packet after delayMs.
+bool playLogin(ScriptedServer& s, int ssl, int delayMs = 0)
+{
+    if (!s.pause(delayMs))
+        return false;
+    s.send(wirePacket(rc_session_init, {{ra_key, Bytes(16, 0x11)}, {ra_chap_challenge, Bytes(16, 0x22)}}));
+    if (s.readPacket() != rc_access_request || !s.pause(delayMs))
+        return false;
+    s.send(wirePacket(rc_access_accept, {{ra_ssl_request, {0, 0, 0, static_cast<unsigned char>(ssl)}}}));
+    return true;
+}
 
 bool nonBlocking(int fd) { return (::fcntl(fd, F_GETFL) & O_NONBLOCK) != 0; }
 
@@ -297,7 +214,7 @@ TEST_F(SessionTest, StalledLoginWaitsEndAtTheirBoundOrSoonAfterTheCancelFlagIsSe
 TEST_F(SessionTest, EachLoginWaitHasABoundOfItsOwn)
 {
     // Greeting and answer each after 250 ms: 500 ms in all, over the 400 each wait alone keeps.
-    ScriptedServer server([](ScriptedServer& s) { s.login(0, 250); });
+    ScriptedServer server([](ScriptedServer& s) { playLogin(s, 0, 250); });
     auto c = client(server.port);
     c->set_timeout(400);
     const auto t0 = Clock::now();
@@ -310,7 +227,7 @@ TEST_F(SessionTest, CallBoundCoversTheWholeCall)
 {
     // The acknowledgement at once, a value after 200 ms, then silence: 500 ms from _call, not from each wait.
     ScriptedServer server([](ScriptedServer& s) {
-        if (s.login(0) && s.readPacket() == rc_session_call) {
+        if (playLogin(s, 0) && s.readPacket() == rc_session_call) {
             s.send(wirePacket(rc_session_data, {{ra_call, hexBytes("FFFFFFBB")}}));
             if (s.pause(200))
                 s.send(wireData({"00000007"}));
