@@ -47,8 +47,8 @@ void NetworkMonitor::onStateChanged(uint state)
 {
     const bool wasOnline = isOnline;
     isOnline = reachable(state);
-    if (isOnline && !wasOnline)
-        emit cameOnline();
+    if (isOnline != wasOnline)
+        emit onlineChanged(isOnline);
 }
 
 void NetworkMonitor::onPropertiesChanged(const QString& changedInterface, const QVariantMap& changed,

@@ -17,8 +17,9 @@ public:
     bool online() const { return isOnline; }
 
 signals:
-    // Each time the network comes back after NetworkManager said it was gone.
-    void cameOnline();
+    // Each time online() changes: the network went, or came back after
+    // NetworkManager said it was gone.
+    void onlineChanged(bool online);
 
 private slots:
     void onStateChanged(uint state);

@@ -99,12 +99,14 @@ protected:
     // Called once the billing client exists, before the worker uses it.
     virtual void configureClient(MiniClient&) {}
     // After a wake-up or a network coming back: the session is checked at
-    // once, not at the next tick. Events within 2 s make one check.
+    // once, not at the next tick. Events within sessionCheckGapMs make one check.
     void checkSessionSoon();
 
     // Delays: the first retry after a failure (doubling up to the refresh
-    // period), and how long to wait for a tray host before saying so.
+    // period), how long to wait for a tray host before saying so, and the
+    // gap within which wake-ups and network returns make one check.
     int firstRetryMs = 5000;
+    int sessionCheckGapMs = 2000;
     int noTrayNoticeMs = 30000;
     // The store's lock is held by others only around a save: milliseconds.
     int storeLockWaitMs = 500;

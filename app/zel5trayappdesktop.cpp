@@ -18,8 +18,6 @@
 namespace {
 // How often to look for a tray host while there is none.
 const int trayWatchMs = 1000;
-// Wake-up and network events closer than this make one check.
-const qint64 sessionCheckGapMs = 2000;
 } // namespace
 
 void ZEL5TrayApp::watchDesktop()
@@ -37,7 +35,12 @@ void ZEL5TrayApp::watchDesktop()
                                          QStringLiteral("PrepareForSleep"), this, SLOT(onPrepareForSleep(bool)));
 
     network = new NetworkMonitor(QDBusConnection::systemBus(), this);
-    connect(network, &NetworkMonitor::cameOnline, this, &ZEL5TrayApp::checkSessionSoon);
+    connect(network, &NetworkMonitor::onlineChanged, this, [this](bool online) {
+        if (online)
+            checkSessionSoon();
+        else if (!clientConnected() && icon)
+            displayUpdates(false); // the offline reason becomes "No network"
+    });
 }
 
 void ZEL5TrayApp::onPrepareForSleep(bool sleeping)

@@ -43,7 +43,7 @@ public:
             _app = nullptr;
     }
     using ZEL5TrayApp::changeInternetStatus, ZEL5TrayApp::tryToConnect, ZEL5TrayApp::notifier;
-    using ZEL5TrayApp::firstRetryMs, ZEL5TrayApp::noTrayNoticeMs;
+    using ZEL5TrayApp::firstRetryMs, ZEL5TrayApp::noTrayNoticeMs, ZEL5TrayApp::sessionCheckGapMs;
     ZEL5Icon* trayIcon() const { return icon; }
     TryToConnectThread* worker() const { return thread; }
     bool waitForWorker() { return thread->wait(QDeadlineTimer(10000)) && !thread->busy(); }

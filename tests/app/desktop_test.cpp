@@ -130,6 +130,34 @@ signals:
     void PrepareForSleep(bool start); // false: woken up
 };
 
+// org.freedesktop.NetworkManager: its State property and both ways it tells
+// a change, StateChanged (older versions) and PropertiesChanged.
+class NetworkManagerStandIn : public QObject {
+    Q_OBJECT
+    Q_CLASSINFO("D-Bus Interface", "org.freedesktop.NetworkManager")
+    Q_PROPERTY(uint State READ state)
+public:
+    uint current = 70; // connected to the internet
+    uint state() const { return current; }
+    void change(uint to, bool asProperty)
+    {
+        current = to;
+        if (!asProperty) {
+            emit StateChanged(to);
+            return;
+        }
+        QDBusMessage signal = QDBusMessage::createSignal(QStringLiteral("/org/freedesktop/NetworkManager"),
+                                                         QStringLiteral("org.freedesktop.DBus.Properties"),
+                                                         QStringLiteral("PropertiesChanged"));
+        signal << QStringLiteral("org.freedesktop.NetworkManager") << QVariantMap{{QStringLiteral("State"), to}}
+               << QStringList();
+        QDBusConnection(QString::fromLatin1(standInConnection)).send(signal);
+    }
+
+signals:
+    void StateChanged(uint state);
+};
+
 // Counts the notifier's calls: each is watched by a child object of the
 // notifier until its answer, or its failure, is in.
 class CallCounter : public QObject {
@@ -169,6 +197,7 @@ std::string describe(const QList<Notification>& list)
 
 NotificationServer* server = nullptr;
 LogindStandIn* logind = nullptr;
+NetworkManagerStandIn* networkManager = nullptr;
 
 // Serves the stand-ins once for the whole run; empty, or why that failed.
 QString serveStandIns()
@@ -176,15 +205,19 @@ QString serveStandIns()
     static const QString error = [] {
         server = new NotificationServer;
         logind = new LogindStandIn;
+        networkManager = new NetworkManagerStandIn;
         QDBusConnection bus = QDBusConnection::connectToBus(QString::fromStdString(busAddress),
                                                             QString::fromLatin1(standInConnection));
         const auto serve = [&bus](QObject* object, const char* path, const char* service) {
             return bus.registerObject(QString::fromLatin1(path), object,
-                                      QDBusConnection::ExportAllSlots | QDBusConnection::ExportAllSignals)
+                                      QDBusConnection::ExportAllSlots | QDBusConnection::ExportAllSignals
+                                          | QDBusConnection::ExportAllProperties)
                    && bus.registerService(QString::fromLatin1(service));
         };
         if (bus.isConnected() && serve(server, "/org/freedesktop/Notifications", notifications)
-            && serve(logind, "/org/freedesktop/login1", "org.freedesktop.login1") && logind->listen())
+            && serve(logind, "/org/freedesktop/login1", "org.freedesktop.login1")
+            && serve(networkManager, "/org/freedesktop/NetworkManager", "org.freedesktop.NetworkManager")
+            && logind->listen())
             return QString();
         return QStringLiteral("the stand-in services: ") + bus.lastError().message();
     }();
@@ -207,6 +240,7 @@ protected:
         server->lastId = 0;
         ASSERT_TRUE(NotificationServer::own(true)) << "the notification service's name owned again";
         logind->seen.clear();
+        networkManager->current = 70;
         QGuiApplication::setApplicationDisplayName(QStringLiteral("Orvane ZEL5 Tray"));
         QGuiApplication::setDesktopFileName(QStringLiteral("zel5_tray"));
         newApp();
@@ -442,6 +476,50 @@ TEST_F(DesktopTest, TwoWakeUpsWithinTwoSecondsMakeOneCheck)
     ASSERT_TRUE(attemptsEnded(2)) << "the check after the wake-up to end";
     EXPECT_EQ(2, sim->connectionsAccepted());
     EXPECT_FALSE(connected());
+}
+
+TEST_F(DesktopTest, NotificationsSentBeforeTheServiceAnsweredReplaceInsteadOfStacking)
+{
+    DesktopNotifier notifier(nullptr);
+    CallCounter counter(&notifier);
+    for (int i = 1; i <= 3; ++i)
+        notifier.notify(DesktopNotifier::LowBalance, QStringLiteral("Balance %1").arg(i), QString(),
+                        DesktopNotifier::Normal);
+    ASSERT_TRUE(QTest::qWaitFor([&] { return received().size() >= 2 && counter.answered(); }, replyWaitMs))
+        << "the answers to the notifier's calls" << describe(received());
+    // The first goes out at once; the newest waits for its id; the middle one never goes.
+    ASSERT_EQ(2, received().size()) << describe(received());
+    EXPECT_EQ(0u, received()[0].replacesId);
+    EXPECT_EQ(received()[0].id, received()[1].replacesId);
+    EXPECT_EQ(QStringLiteral("Balance 3"), received()[1].summary);
+    EXPECT_EQ(received()[0].id, notifier.idOf(DesktopNotifier::LowBalance));
+}
+
+TEST_F(DesktopTest, TheNetworkGoingIsShownAndItsReturnTriesTheServerAtOnce)
+{
+    // The server is out of reach and the next retry an hour away: only the
+    // network's return makes a try; each return makes one.
+    app->sessionCheckGapMs = 0;
+    sim->addFault({.stage = zel5sim::Fault::Stage::Greeting, .kind = zel5sim::Fault::Kind::CutAfter, .times = -1});
+    writeSettings();
+    app->firstRetryMs = 3600 * 1000;
+    start();
+    const auto attemptsEnded = [&](int n) {
+        return QTest::qWaitFor([&] { return sim->connectionsAccepted() >= n && !app->worker()->busy(); }, 10000);
+    };
+    ASSERT_TRUE(attemptsEnded(1)) << "the first attempt to end";
+    for (const bool asProperty : {false, true}) {
+        SCOPED_TRACE(asProperty ? "PropertiesChanged" : "StateChanged");
+        networkManager->change(20, asProperty); // disconnected
+        ASSERT_TRUE(QTest::qWaitFor([&] { return tooltip().startsWith(QStringLiteral("No network")); }, replyWaitMs))
+            << "the tooltip to say why: \"" << tooltip().toStdString() << "\"";
+        const int before = sim->connectionsAccepted();
+        if (asProperty)
+            sim->clearFaults();
+        networkManager->change(70, asProperty);
+        ASSERT_TRUE(attemptsEnded(before + 1)) << "a try when the network came back";
+    }
+    EXPECT_TRUE(waitOnline());
 }
 
 TEST_F(DesktopTest, WithoutANotificationServiceTheTrayRunsOnAndLaterNotificationsStartAfresh)
