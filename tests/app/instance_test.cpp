@@ -1,6 +1,5 @@
 // One tray per user: the built tray as a child process against a billing
-// simulator with throw-away settings, data and runtime folders, and the
-// socket unit in-process.
+// simulator in throw-away folders, and the socket unit in-process.
 #include "billingsim.h"
 #include "childprocess.h"
 #include "config.h"
@@ -13,7 +12,6 @@
 #include <QFileInfo>
 #include <QLocalServer>
 #include <QLocalSocket>
-#include <QRegularExpression>
 #include <QTemporaryDir>
 #include <QThread>
 #include <QTimer>
@@ -40,19 +38,9 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
-constexpr auto laterStartBound = 2s; // for a later start to end
-constexpr auto runningBound = 20s;   // for a tray to log in and store the demo messages
-constexpr auto endBound = 10s;       // for a tray to end after a signal
-
 long long msSince(Clock::time_point start)
 {
     return std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - start).count();
-}
-
-std::string contents(const std::string& path)
-{
-    std::ifstream in(path, std::ios::binary);
-    return std::string(std::istreambuf_iterator<char>(in), {});
 }
 
 // A file's inode, modification time and bytes: what a write or a replacement changes.
@@ -61,8 +49,9 @@ std::string fileState(const std::string& path)
     struct stat st;
     if (::stat(path.c_str(), &st) != 0)
         return "(no file)";
+    std::ifstream in(path, std::ios::binary);
     return std::to_string(st.st_ino) + " " + std::to_string(st.st_mtim.tv_sec) + "." +
-           std::to_string(st.st_mtim.tv_nsec) + " " + contents(path);
+           std::to_string(st.st_mtim.tv_nsec) + " " + std::string(std::istreambuf_iterator<char>(in), {});
 }
 
 // Throw-away settings, data and runtime folders for this process and its trays.
@@ -75,12 +64,10 @@ protected:
         dataHome = dir.filePath(QStringLiteral("data")).toStdString();
         runtimeDir = dir.filePath(QStringLiteral("run")).toStdString();
         ASSERT_EQ(0, ::mkdir(runtimeDir.c_str(), 0700)) << std::strerror(errno);
-        // Before any simulator thread runs.
-        ::setenv("XDG_CONFIG_HOME", configHome.c_str(), 1);
+        ::setenv("XDG_CONFIG_HOME", configHome.c_str(), 1); // before any simulator thread runs
         ::setenv("XDG_DATA_HOME", dataHome.c_str(), 1);
         ::setenv("XDG_RUNTIME_DIR", runtimeDir.c_str(), 1);
         socketPath = SingleInstance::socketPath();
-        ASSERT_TRUE(socketPath.startsWith(QString::fromStdString(runtimeDir + "/"))) << socketPath.toStdString();
     }
 
     QTemporaryDir dir;
@@ -100,9 +87,7 @@ protected:
         cfg.address = cfg.webServerAddress = QStringLiteral("127.0.0.1");
         cfg.port = sim->port();
         cfg.login = cfg.password = QStringLiteral("demo");
-        ASSERT_TRUE(cfg._save(true)) << "cannot write the settings file";
-        settingsPath = configHome + "/zel5_trayrc";
-        storePath = dataHome + "/zel5_tray/messages";
+        ASSERT_TRUE(cfg._save(true));
     }
 
     std::unique_ptr<ChildProcess> startTray()
@@ -119,96 +104,81 @@ protected:
         return tray;
     }
 
-    // The demo messages are stored and their time stamp (written after the store) saved.
-    bool storedAndStamped() const
+    // The demo messages are stored, and the settings saved after them.
+    bool stored() const
     {
-        static const QRegularExpression stamp(QStringLiteral("(?m)^last_message_check=[1-9][0-9]*\\s*$"));
-        return !contents(storePath).empty() && stamp.match(QString::fromStdString(contents(settingsPath))).hasMatch();
+        Config<QString> cfg;
+        const QFileInfo store(QString::fromStdString(dataHome + "/zel5_tray/messages"));
+        return store.size() > 0 && cfg._load() && cfg.lastMessageCheck > 0;
     }
 
-    // Waits while the tray runs for done(); fails when the tray ends first or runningBound passes.
-    static ::testing::AssertionResult runsUntil(ChildProcess& tray, const std::function<bool()>& done,
-                                                const std::string& what)
+    // Waits while the tray runs for done(), at most 20 s.
+    static ::testing::AssertionResult runsUntil(ChildProcess& tray, const std::function<bool()>& done)
     {
         for (const auto start = Clock::now(); !done();) {
             if (const auto ended = tray.waitExit(20ms))
-                return ::testing::AssertionFailure() << "the tray ended while waiting for " << what << ": "
-                                                     << ended->describe() << "\n" << tray.stderrText();
-            if (Clock::now() - start >= runningBound)
-                return ::testing::AssertionFailure() << "waited " << runningBound.count() << " s for " << what
-                                                     << "\n" << tray.stderrText();
+                return ::testing::AssertionFailure() << "the tray ended: " << ended->describe() << "\n" << tray.stderrText();
+            if (Clock::now() - start >= 20s)
+                return ::testing::AssertionFailure() << "waited 20 s\n" << tray.stderrText();
         }
         return ::testing::AssertionSuccess();
     }
 
-    // The tray ends with code 0 within bound.
-    static ::testing::AssertionResult endsWithZero(ChildProcess& tray, std::chrono::milliseconds bound,
-                                                   const std::string& what)
+    static ::testing::AssertionResult endsWithZero(ChildProcess& tray, std::chrono::milliseconds bound)
     {
         const auto ended = tray.waitExit(bound);
         if (ended && ended->code() == 0)
             return ::testing::AssertionSuccess();
-        return ::testing::AssertionFailure() << what << ": "
-                                             << (ended ? ended->describe() : "not within " + std::to_string(bound.count()) + " ms")
+        return ::testing::AssertionFailure() << (ended ? ended->describe() : "still running after " + std::to_string(bound.count()) + " ms")
                                              << "\n" << tray.stderrText();
-    }
-
-    static ::testing::AssertionResult stopsCleanly(ChildProcess& tray)
-    {
-        if (!tray.signal(SIGTERM))
-            return ::testing::AssertionFailure() << "cannot send SIGTERM to the tray";
-        return endsWithZero(tray, endBound, "the tray's end after SIGTERM");
     }
 
     // No further connection reaches the simulator within 300 ms.
     void expectConnections(int expected) const
     {
         EXPECT_FALSE(sim->waitFor([&] { return sim->connectionsAccepted() != expected; }, 300))
-            << "the simulator saw " << sim->connectionsAccepted() << " connections, not " << expected;
+            << sim->connectionsAccepted() << " connections, not " << expected;
     }
 
     std::unique_ptr<zel5sim::BillingSim> sim;
-    std::string settingsPath, storePath;
 };
 
 TEST_F(TrayInstanceTest, ALaterStartShowsTheRunningTrayAndAKilledOneLeavesNothingInTheWay)
 {
+    const std::string storePath = dataHome + "/zel5_tray/messages", settingsPath = configHome + "/zel5_trayrc";
     auto first = startTray();
-    ASSERT_TRUE(runsUntil(*first, [&] { return storedAndStamped(); }, "the first tray to store the demo messages"));
+    ASSERT_TRUE(runsUntil(*first, [&] { return stored(); })) << "the demo messages stored";
     ASSERT_EQ(1, sim->connectionsAccepted());
     const std::string settingsBefore = fileState(settingsPath), storeBefore = fileState(storePath);
 
     auto second = startTray();
-    ASSERT_TRUE(endsWithZero(*second, laterStartBound, "the later start"));
+    ASSERT_TRUE(endsWithZero(*second, 2s)) << "the later start";
     EXPECT_FALSE(first->waitExit(0ms)) << "the first tray ended\n" << first->stderrText();
     EXPECT_EQ(settingsBefore, fileState(settingsPath)) << "the later start touched the settings";
     EXPECT_EQ(storeBefore, fileState(storePath)) << "the later start touched the message store";
     expectConnections(1);
 
-    // The request opened the messages dialog (the demo messages were new).
+    // Killed with the messages dialog open (the demo messages were new): its socket stays behind.
     ASSERT_TRUE(first->signal(SIGKILL));
-    const auto killed = first->waitExit(endBound);
+    const auto killed = first->waitExit(10s);
     ASSERT_TRUE(killed && killed->signal() == SIGKILL) << (killed ? killed->describe() : "still running");
-    ASSERT_TRUE(QFileInfo::exists(socketPath)) << "the killed tray left no socket behind: nothing stale is tried";
+    ASSERT_TRUE(QFileInfo::exists(socketPath)) << "no stale socket left to try";
 
     auto next = startTray();
-    ASSERT_TRUE(runsUntil(*next, [&] { return sim->connectionsAccepted() > 1; }, "the next tray to connect"));
-    auto further = startTray();
-    ASSERT_TRUE(endsWithZero(*further, laterStartBound, "a start while the next tray runs"));
+    ASSERT_TRUE(runsUntil(*next, [&] { return sim->connectionsAccepted() > 1; })) << "the next tray to connect";
+    ASSERT_TRUE(endsWithZero(*startTray(), 2s)) << "a start while the next tray runs";
     expectConnections(2);
-    EXPECT_TRUE(stopsCleanly(*next));
+    ASSERT_TRUE(next->signal(SIGTERM));
+    EXPECT_TRUE(endsWithZero(*next, 10s)) << "the end after SIGTERM";
     EXPECT_FALSE(QFileInfo::exists(socketPath)) << "the socket outlived a clean end";
 }
 
 TEST_F(TrayInstanceTest, OfStartsAtTheSameMomentOnlyOneRuns)
 {
     std::unique_ptr<ChildProcess> trays[3] = {startTray(), startTray(), startTray()};
-    // All but one end with 0; the one left logs in once.
     std::vector<ChildProcess*> running = {trays[0].get(), trays[1].get(), trays[2].get()};
-    for (const auto start = Clock::now(); running.size() > 1 || !storedAndStamped();) {
-        ASSERT_LT(Clock::now() - start, runningBound)
-            << "waited for two of the three starts to end and the third to store the demo messages; "
-            << running.size() << " still run";
+    for (const auto start = Clock::now(); running.size() > 1 || !stored();) {
+        ASSERT_LT(Clock::now() - start, 20s) << "two starts to end and the third to store; " << running.size() << " run";
         for (auto it = running.begin(); it != running.end();) {
             const auto exit = (*it)->waitExit(10ms);
             if (!exit) {
@@ -221,49 +191,26 @@ TEST_F(TrayInstanceTest, OfStartsAtTheSameMomentOnlyOneRuns)
         }
     }
     expectConnections(1);
-    EXPECT_TRUE(stopsCleanly(*running.front()));
+    ASSERT_TRUE(running.front()->signal(SIGTERM));
+    EXPECT_TRUE(endsWithZero(*running.front(), 10s));
 }
 
-// ---- The socket unit in this process ----
+// Sends request and returns the answer line, or why there is none in brackets.
+QByteArray ask(const QByteArray& request)
+{
+    QLocalSocket socket;
+    socket.connectToServer(SingleInstance::socketPath());
+    if (!socket.waitForConnected(1000))
+        return "(no connection: " + socket.errorString().toUtf8() + ")";
+    socket.write(request);
+    socket.flush();
+    for (const QDeadlineTimer deadline(2000); !socket.canReadLine() && !deadline.hasExpired();)
+        if (!socket.waitForReadyRead(static_cast<int>(qMax<qint64>(deadline.remainingTime(), 1))))
+            break;
+    return socket.canReadLine() ? socket.readLine().trimmed() : "(no answer line)";
+}
 
-class SingleInstanceTest : public InstanceTest {
-protected:
-    // Runs client on a thread of its own while this thread's event loop
-    // serves the instances living here; false when it was not done within 5 s.
-    static bool serveWhile(const std::function<void()>& client)
-    {
-        QEventLoop loop;
-        std::unique_ptr<QThread> thread(QThread::create(client));
-        QObject::connect(thread.get(), &QThread::finished, &loop, &QEventLoop::quit);
-        QTimer::singleShot(5s, &loop, &QEventLoop::quit);
-        thread->start();
-        loop.exec();
-        if (thread->wait(QDeadlineTimer(5000)))
-            return true;
-        ADD_FAILURE() << "waited 10 s for the client thread to end";
-        thread->terminate();
-        if (!thread->wait(QDeadlineTimer(1000)))
-            (void)thread.release(); // never destroy a running thread
-        return false;
-    }
-
-    // Sends request and returns the answer line, or why there is none in brackets.
-    static QByteArray ask(const QByteArray& request)
-    {
-        QLocalSocket socket;
-        socket.connectToServer(SingleInstance::socketPath());
-        if (!socket.waitForConnected(1000))
-            return "(no connection: " + socket.errorString().toUtf8() + ")";
-        socket.write(request);
-        socket.flush();
-        const QDeadlineTimer deadline(2000);
-        while (!socket.canReadLine() && socket.state() == QLocalSocket::ConnectedState && !deadline.hasExpired())
-            socket.waitForReadyRead(static_cast<int>(qMax<qint64>(deadline.remainingTime(), 1)));
-        return socket.canReadLine() ? socket.readLine().trimmed() : "(no answer line)";
-    }
-};
-
-TEST_F(SingleInstanceTest, OnlyTheFirstListensAndAnswersEachClientOnItsOwnShowingOnceForShow)
+TEST_F(InstanceTest, OnlyTheFirstListensAndAnswersEachClientOnItsOwnShowingOnceForShow)
 {
     {
         SingleInstance first;
@@ -273,20 +220,25 @@ TEST_F(SingleInstanceTest, OnlyTheFirstListensAndAnswersEachClientOnItsOwnShowin
         QObject::connect(&first, &SingleInstance::showRequested, [&] { ++shows; });
         SingleInstance second;
         EXPECT_FALSE(second.tryToBecomePrimary());
-        EXPECT_FALSE(second.isPrimary());
 
+        // The clients run on a thread of their own while this thread's event loop serves them.
         QByteArray silentState, unknown, tooLong;
         bool answered = false;
         QString why;
-        ASSERT_TRUE(serveWhile([&] {
-            // A client that connects and says nothing holds up no other.
-            QLocalSocket silent;
+        QEventLoop loop;
+        std::unique_ptr<QThread> clients(QThread::create([&] {
+            QLocalSocket silent; // connects and says nothing: holds up no other
             silent.connectToServer(socketPath);
             silentState = silent.waitForConnected(1000) ? "connected" : silent.errorString().toUtf8();
             unknown = ask("hello\n");
             tooLong = ask(QByteArray(300, 'x'));
             answered = SingleInstance::notifyPrimary(3000, &why);
         }));
+        QObject::connect(clients.get(), &QThread::finished, &loop, &QEventLoop::quit);
+        QTimer::singleShot(10s, &loop, &QEventLoop::quit);
+        clients->start();
+        loop.exec();
+        ASSERT_TRUE(clients->wait(QDeadlineTimer(5000))) << "the clients to finish";
         EXPECT_EQ("connected", silentState);
         EXPECT_EQ("error unknown request", unknown);
         EXPECT_EQ("error request too long", tooLong);
@@ -294,14 +246,13 @@ TEST_F(SingleInstanceTest, OnlyTheFirstListensAndAnswersEachClientOnItsOwnShowin
         QCoreApplication::processEvents();
         EXPECT_EQ(1, shows);
     }
-    // The first one's end removed its socket: the next is first at once.
-    EXPECT_FALSE(QFileInfo::exists(socketPath));
+    EXPECT_FALSE(QFileInfo::exists(socketPath)) << "the first one's end removes its socket";
     SingleInstance next;
     EXPECT_TRUE(next.tryToBecomePrimary());
     EXPECT_TRUE(next.errorString().isEmpty()) << next.errorString().toStdString();
 }
 
-TEST_F(SingleInstanceTest, LeftoversLocksAndMuteListenersNeitherBlockNorHang)
+TEST_F(InstanceTest, LeftoversLocksAndMuteListenersNeitherBlockNorHang)
 {
     QString why;
     auto start = Clock::now();
@@ -309,7 +260,7 @@ TEST_F(SingleInstanceTest, LeftoversLocksAndMuteListenersNeitherBlockNorHang)
     EXPECT_LT(msSince(start), 1000) << "nothing listens: the request fails at once";
     EXPECT_FALSE(why.isEmpty());
 
-    // Another start holds the lock around its check and listen: this one waits a bounded time.
+    // Another start holds the lock around its check: this one waits a bounded time.
     const int fd = ::open(QFile::encodeName(SingleInstance::lockPath()).constData(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
     ASSERT_GE(fd, 0) << std::strerror(errno);
     ASSERT_EQ(0, ::flock(fd, LOCK_EX | LOCK_NB)) << std::strerror(errno);
@@ -321,10 +272,9 @@ TEST_F(SingleInstanceTest, LeftoversLocksAndMuteListenersNeitherBlockNorHang)
         EXPECT_TRUE(waiting.errorString().contains(SingleInstance::lockPath())) << waiting.errorString().toStdString();
         EXPECT_FALSE(QFileInfo::exists(socketPath));
     }
-    ::close(fd); // that start is through
+    ::close(fd);
 
-    // A plain file where the socket should be (a killed tray's real socket
-    // is tried by the tray test above) is taken over.
+    // A plain file where the socket should be is taken over.
     QFile junk(socketPath);
     ASSERT_TRUE(junk.open(QIODevice::WriteOnly) && junk.write("junk") == 4);
     junk.close();
@@ -342,8 +292,7 @@ TEST_F(SingleInstanceTest, LeftoversLocksAndMuteListenersNeitherBlockNorHang)
     ASSERT_TRUE(mute.listen(socketPath)) << mute.errorString().toStdString();
     start = Clock::now();
     EXPECT_FALSE(SingleInstance::notifyPrimary(300, &why));
-    const long long tookMs = msSince(start);
-    EXPECT_TRUE(tookMs >= 250 && tookMs < 2000) << tookMs << " ms";
+    EXPECT_TRUE(msSince(start) >= 250 && msSince(start) < 2000) << msSince(start) << " ms";
     EXPECT_TRUE(why.contains(QStringLiteral("did not answer"))) << why.toStdString();
 }
 
