@@ -1,6 +1,5 @@
-// Peers on the loopback interface for tests of a client: a port of the test's
-// own, a listener whose queue is full, and a one-connection server that plays
-// a script; a watchdog ends a wait the code under test failed to end.
+// Loopback peers for tests of a client: a port of the test's own, a listener
+// whose queue is full, a one-connection scripted server; and a watchdog.
 #ifndef ZEL5_TESTS_LOOPBACK_H
 #define ZEL5_TESTS_LOOPBACK_H
 
@@ -50,8 +49,7 @@ private:
     std::jthread thread;
 };
 
-// A TCP socket on a loopback port of its own, listening with the given
-// backlog, or not at all (-1): then connects to the port are refused.
+// A loopback port of its own, listening with the backlog, or refusing connects (-1).
 struct LoopbackPort {
     int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
     sockaddr_in addr{AF_INET, 0, {htonl(INADDR_LOOPBACK)}, {}};
@@ -88,8 +86,7 @@ struct FullListener : LoopbackPort {
     }
 };
 
-// A one-connection server that plays a script in its own thread, then holds
-// the connection until the test ends; a client still there after 5 s is cut off.
+// Plays a script to one client in its own thread, then holds the connection; cuts it after 5 s.
 class ScriptedServer : public LoopbackPort {
 public:
     explicit ScriptedServer(std::function<void(ScriptedServer&)> script) : LoopbackPort(1)

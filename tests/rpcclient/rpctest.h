@@ -1,6 +1,5 @@
-// Protocol library test helpers: wire images written as hexadecimal so that
-// they read like a capture, a local socket pair and a stream on it, and
-// bounded waits (a deadline, a cancel flag set from another thread).
+// Protocol library test helpers: wire images written in hexadecimal, a local
+// socket pair with a stream on it, and bounded waits.
 #ifndef ZEL5_TESTS_RPCTEST_H
 #define ZEL5_TESTS_RPCTEST_H
 
@@ -28,7 +27,7 @@ namespace zel5test {
 using Bytes = std::vector<unsigned char>;
 using Clock = std::chrono::steady_clock;
 
-// "C9 23 00 04" -> {0xC9, 0x23, 0x00, 0x04}; spaces are ignored.
+// "C9 23 00 04" -> {0xC9, 0x23, 0x00, 0x04}
 inline Bytes hexBytes(const std::string& hex)
 {
     Bytes out;
@@ -46,24 +45,21 @@ inline Bytes concat(std::initializer_list<Bytes> parts)
     return out;
 }
 
-// A 4-byte head (b0, b1, big-endian size counting the head) and the body.
-inline Bytes sized(int b0, int b1, const Bytes& body)
-{
-    using u8 = unsigned char;
-    const std::size_t n = body.size() + 4;
-    return concat({{u8(b0), u8(b1), u8(n >> 8), u8(n)}, body});
-}
-
-// A whole packet built by hand, independent of the packet class under test.
+// A packet built by hand: packets and attributes share the head (code, byte, big-endian size counting the head).
 inline Bytes wirePacket(int code, const std::vector<std::pair<int, Bytes>>& attrs)
 {
+    const auto sized = [](int b0, int b1, const Bytes& body) {
+        const std::size_t n = body.size() + 4;
+        return concat({{Bytes::value_type(b0), Bytes::value_type(b1), Bytes::value_type(n >> 8), Bytes::value_type(n)},
+                       body});
+    };
     Bytes body;
     for (const auto& [c, payload] : attrs)
         body = concat({body, sized(c, 0, payload)});
     return sized(code, 0x23, body);
 }
 
-// A data packet (code 200) of values given in hexadecimal.
+// A data packet of values given in hexadecimal.
 inline Bytes wireData(std::initializer_list<const char*> values)
 {
     std::vector<std::pair<int, Bytes>> attrs;
@@ -98,7 +94,7 @@ public:
           })
     {
     }
-    // The wait ended within a poll round (and room for a loaded machine) of the flag being set.
+    // Within a poll round, and room for a loaded machine, of the flag being set.
     ::testing::AssertionResult endedSoonAfterSet() const
     {
         const auto at = setAt.load();
@@ -113,18 +109,14 @@ private:
     std::jthread thread; // last: starts once setAt exists
 };
 
-// Two connected local stream sockets. An end handed to a stream, which closes
-// it itself, is released first; the pair closes only the ends it still owns.
+// Two connected local sockets; an end handed to a stream, which closes it, is released first.
 struct SocketPair {
     int fds[2] = {-1, -1};
     SocketPair() { socketpair(AF_UNIX, SOCK_STREAM, 0, fds); }
-    ~SocketPair() { ::close(fds[0]); ::close(fds[1]); } // a released end is -1
-    int near() const { return fds[0]; }
-    int peer() const { return fds[1]; }
+    ~SocketPair() { ::close(fds[0]); ::close(fds[1]); }
     int release(int end) { return std::exchange(fds[end], -1); }
     void closePeer() { ::close(release(1)); }
 
-    // Writes every byte, blocking as needed; stops when the other end went away.
     void writePeer(const Bytes& bytes) const
     {
         for (std::size_t done = 0; done < bytes.size();) {
@@ -135,7 +127,7 @@ struct SocketPair {
         }
     }
 
-    // Everything queued at the peer's end; a local pair's writes are there as soon as they return.
+    // What is queued at the peer; a local pair's writes are there as soon as they return.
     Bytes readPeer() const
     {
         Bytes out(1 << 16);
@@ -145,14 +137,13 @@ struct SocketPair {
     }
 };
 
-// A stream on the near end of a fresh socket pair; still waiting after 5 s, its socket is shut down.
+// A stream on the near end of a fresh pair; still waiting after 5 s, its socket is shut down.
 struct StreamOnPair {
     SocketPair sp;
     ZEL::RPC2Stream stream{sp.release(0), nullptr};
     Watchdog dog{5000, "the stream", [fd = stream.sock()] { ::shutdown(fd, SHUT_RDWR); }};
 };
 
-// Reads one value of type T, expecting the given result.
 template <typename T> T next(ZEL::RPC2Stream& s, int expected = 0)
 {
     T v{};
@@ -160,7 +151,7 @@ template <typename T> T next(ZEL::RPC2Stream& s, int expected = 0)
     return v;
 }
 
-// Reads one blob with data_get_new, expecting the given result, and frees the stream's array.
+// One blob read with data_get_new; the stream's array is freed.
 inline Bytes blob(ZEL::RPC2Stream& s, int expected = 0)
 {
     char* data = nullptr;

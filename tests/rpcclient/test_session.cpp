@@ -1,7 +1,6 @@
-// The client session against the billing simulator on a loopback port, or a
-// scripted server where the simulator cannot misbehave precisely enough:
-// login with and without channel protection and bounds, refusals, broken
-// greetings, calls, replies cut short, stalls and hanging connects.
+// The client session against the billing simulator, or a scripted server
+// where the simulator cannot misbehave precisely enough: logins, refusals,
+// broken greetings, calls, cut replies, stalls and hanging connects.
 #include "billingsim.h"
 #include "rpcclient.h"
 #include "rpctest.h"
@@ -9,7 +8,6 @@
 #include <fcntl.h>
 #include <netinet/tcp.h>
 
-#include <optional>
 #include <tuple>
 
 using namespace ZEL;
@@ -18,18 +16,6 @@ using zel5sim::Fault;
 
 namespace {
 
-// Greets, takes the login request and accepts it granting ssl, each packet after delayMs.
-bool playLogin(ScriptedServer& s, int ssl, int delayMs = 0)
-{
-    if (!s.pause(delayMs))
-        return false;
-    s.send(wirePacket(rc_session_init, {{ra_key, Bytes(16, 0x11)}, {ra_chap_challenge, Bytes(16, 0x22)}}));
-    if (s.readPacket() != rc_access_request || !s.pause(delayMs))
-        return false;
-    s.send(wirePacket(rc_access_accept, {{ra_ssl_request, {0, 0, 0, static_cast<unsigned char>(ssl)}}}));
-    return true;
-}
-
 bool nonBlocking(int fd) { return (::fcntl(fd, F_GETFL) & O_NONBLOCK) != 0; }
 
 class SessionTest : public ::testing::Test {
@@ -37,42 +23,25 @@ protected:
     void SetUp() override { ASSERT_EQ(0, sim->start()); }
 
     // port 0: the simulator's; ssl 1: TLS, 2: SSL3.
-    std::unique_ptr<RPCClient> client(int port = 0, int ssl = 0, const char* pass = "demo", const char* user = "demo")
+    std::unique_ptr<RPCClient> client(int port = 0, int ssl = 0, const char* pass = "demo")
     {
         auto c = std::make_unique<RPCClient>();
         EXPECT_EQ(0, c->addr("127.0.0.1", static_cast<short>(port ? port : sim->port())));
-        c->set_auth(user, pass);
+        c->set_auth("demo", pass);
         if (ssl != 0)
             ssl == 1 ? c->ssl_tls1() : c->ssl_ssl3();
         return c;
     }
 
-    static void bound(RPCClient& c, int ms)
-    {
-        c.set_connect_timeout(ms);
-        c.set_timeout(ms);
-        c.set_call_timeout(ms);
-    }
-
     static std::string keyText(const unsigned char* key) { char t[33]; RPCClient::_key_print(key, t); return t; }
 
-    // Calls -69 and reads the server's version. The first failing step's
-    // result goes to *failed, or is expected to be 0 when failed is null.
-    static std::string version(RPCClient& c, int* failed = nullptr)
+    // The server's version (-69).
+    static std::string version(RPCClient& c)
     {
-        char* data = nullptr;
-        int len = 0, err = c._call(-69);
-        std::string text;
-        if (err == 0 && (err = c.rpcstream().data_get_new(data, len)) == 0) {
-            text.assign(data, static_cast<std::size_t>(len));
-            delete[] data;
-            err = c.end_call();
-        }
-        if (failed)
-            *failed = err;
-        else
-            EXPECT_EQ(0, err);
-        return text;
+        EXPECT_EQ(0, c._call(-69));
+        const Bytes text = blob(c.rpcstream());
+        EXPECT_EQ(0, c.end_call());
+        return std::string(text.begin(), text.end());
     }
 
     std::unique_ptr<zel5sim::BillingSim> sim = std::make_unique<zel5sim::BillingSim>(zel5sim::Options{.port = 0});
@@ -90,7 +59,9 @@ TEST_F(SessionTest, LoginPlainOrProtectedBoundedOrNotThenCallsAndClose)
             SCOPED_TRACE(std::string(bounded ? "bounded" : "unbounded") + ", ssl " + std::to_string(ssl));
             auto c = client(0, ssl);
             if (bounded) {
-                bound(*c, 2000);
+                c->set_connect_timeout(2000);
+                c->set_timeout(2000);
+                c->set_call_timeout(2000);
                 c->set_cancel(&never);
             }
             ASSERT_EQ(0, c->open_session(0));
@@ -111,12 +82,6 @@ TEST_F(SessionTest, LoginPlainOrProtectedBoundedOrNotThenCallsAndClose)
             EXPECT_TRUE(sim->waitFor([&] { return sim->activeConnections() == 0; }));
         }
     }
-    // A connect bound alone leaves the socket blocking, as the unbounded stream needs it.
-    auto connectOnly = client();
-    connectOnly->set_connect_timeout(2000);
-    ASSERT_EQ(0, connectOnly->open_session(0));
-    EXPECT_FALSE(nonBlocking(connectOnly->rpcstream().sock()));
-    EXPECT_EQ("5.1.9", version(*connectOnly));
 }
 
 TEST_F(SessionTest, RefusedLoginsAndBrokenGreetings)
@@ -124,15 +89,11 @@ TEST_F(SessionTest, RefusedLoginsAndBrokenGreetings)
     auto wrongPassword = client(0, 0, "wrong");
     EXPECT_EQ(ec_access, wrongPassword->open_session(0));
     EXPECT_EQ(0, wrongPassword->connected());
-    EXPECT_EQ(ec_access, client(0, 0, "demo", "nobody")->open_session(0));
 
-    sim->addFault({Fault::Stage::Greeting, Fault::Kind::WrongCode, 0, 0, rc_access_request});
     sim->addFault({Fault::Stage::Greeting, Fault::Kind::WrongVersion, 0, 0, 0x24});
-    for (int i = 0; i < 2; ++i) {
-        auto c = client();
-        EXPECT_EQ(ec_badmsg, c->open_session(0));
-        EXPECT_EQ(0, c->connected());
-    }
+    auto wrongVersion = client();
+    EXPECT_EQ(ec_badmsg, wrongVersion->open_session(0));
+    EXPECT_EQ(0, wrongVersion->connected());
 
     // Without a key the client gives up but keeps the connection.
     sim->addFault({Fault::Stage::Greeting, Fault::Kind::NoKey});
@@ -170,64 +131,15 @@ TEST_F(SessionTest, ADroppedSessionTakesNoCalls)
     EXPECT_EQ(ec_inval, RPCClient()._call(-69)) << "a client never connected";
 }
 
-TEST_F(SessionTest, ReplyCutAtAnyByteFailsTheCall)
-{
-    // The reply to -69 with "5.1.9": acknowledgement 12 bytes, one data
-    // packet of 13, termination 12.
-    for (int cut = 0; cut <= 37; ++cut) {
-        SCOPED_TRACE(cut);
-        sim->addFault({Fault::Stage::Call, Fault::Kind::CutAfter, -69, cut});
-        auto c = client();
-        ASSERT_EQ(0, c->open_session(0));
-        int err = -1;
-        const std::string text = version(*c, &err);
-        EXPECT_EQ(cut == 37, err == 0);
-        EXPECT_TRUE(cut < 12 + 13 || text == "5.1.9") << text; // the value came through whole
-    }
-}
-
-TEST_F(SessionTest, StalledLoginWaitsEndAtTheirBoundOrSoonAfterTheCancelFlagIsSet)
-{
-    for (const auto& [stage, byFlag] : {std::pair{Fault::Stage::Greeting, false}, {Fault::Stage::LoginAnswer, false},
-                                        {Fault::Stage::Greeting, true}}) {
-        SCOPED_TRACE(std::string(stage == Fault::Stage::Greeting ? "greeting" : "answer") +
-                     (byFlag ? ", cancel flag without bound" : ""));
-        sim->addFault({stage, Fault::Kind::Stall}); // until the simulator stops
-        auto c = client();
-        std::atomic<bool> flag{false};
-        std::optional<Canceller> canceller;
-        if (byFlag) {
-            c->set_cancel(&flag);
-            canceller.emplace(flag, 100);
-        } else {
-            c->set_timeout(200);
-        }
-        const auto t0 = Clock::now();
-        EXPECT_EQ(ec_badmsg, c->open_session(0));
-        EXPECT_TRUE(byFlag ? canceller->endedSoonAfterSet() : endedAtBound(t0, 200));
-        EXPECT_EQ(byFlag ? ec_pipe : ec_timedout, c->last_error());
-        EXPECT_EQ(!byFlag, c->rpcstream().timed_out());
-        EXPECT_EQ(0, c->connected());
-    }
-}
-
-TEST_F(SessionTest, EachLoginWaitHasABoundOfItsOwn)
-{
-    // Greeting and answer each after 250 ms: 500 ms in all, over the 400 each wait alone keeps.
-    ScriptedServer server([](ScriptedServer& s) { playLogin(s, 0, 250); });
-    auto c = client(server.port);
-    c->set_timeout(400);
-    const auto t0 = Clock::now();
-    EXPECT_EQ(0, c->open_session(0));
-    EXPECT_GE(msSince(t0), 500);
-    EXPECT_EQ(0, c->last_error());
-}
-
 TEST_F(SessionTest, CallBoundCoversTheWholeCall)
 {
     // The acknowledgement at once, a value after 200 ms, then silence: 500 ms from _call, not from each wait.
     ScriptedServer server([](ScriptedServer& s) {
-        if (playLogin(s, 0) && s.readPacket() == rc_session_call) {
+        s.send(wirePacket(rc_session_init, {{ra_key, Bytes(16, 0x11)}, {ra_chap_challenge, Bytes(16, 0x22)}}));
+        if (s.readPacket() != rc_access_request)
+            return;
+        s.send(wirePacket(rc_access_accept, {{ra_ssl_request, {0, 0, 0, 0}}}));
+        if (s.readPacket() == rc_session_call) {
             s.send(wirePacket(rc_session_data, {{ra_call, hexBytes("FFFFFFBB")}}));
             if (s.pause(200))
                 s.send(wireData({"00000007"}));

@@ -1,15 +1,10 @@
-// The packet stream over local sockets: typed values in both directions,
-// refills across packets, receive failures as the stream's error flags, the
-// buffer a received packet lives in, the TLS channel, and the bounded mode in
-// which a deadline or a cancel flag ends every kind of wait.
+// The packet stream over local sockets: typed values both ways, receive
+// failures as error flags, the buffer a received packet lives in, TLS, and
+// the bounded mode in which a deadline or a cancel flag ends every wait.
 #include "rpc2packet.h"
 #include "rpctest.h"
 
-#include <fcntl.h>
-
-#include <climits>
 #include <csignal>
-#include <numbers>
 #include <numeric>
 #include <optional>
 
@@ -19,8 +14,6 @@ using namespace zel5test;
 namespace {
 
 Bytes text(const std::string& s) { return Bytes(s.begin(), s.end()); }
-
-bool nonBlocking(int fd) { return (::fcntl(fd, F_GETFL) & O_NONBLOCK) != 0; }
 
 void smallSendBuffer(int fd)
 {
@@ -48,23 +41,15 @@ int sendBig(RPC2Stream& s)
     return 0;
 }
 
-// Two streams with a TLS channel between them, set up with blocking sockets.
-struct TlsPair {
-    SocketPair sp;
-    RPC2Stream client{sp.release(0), nullptr};
-    std::unique_ptr<RPC2Stream> server = std::make_unique<RPC2Stream>(sp.release(1), nullptr);
-    Watchdog dog{5000, "the TLS pair", [fd = client.sock()] { ::shutdown(fd, SHUT_RDWR); }};
-    bool ready = false;
-
-    TlsPair()
-    {
-        int accepted = -1;
-        std::jthread other([&] { accepted = server->__ssl_accept(serverCtx(), rsr_ssl_tls1); });
-        const int connected = client.ssl_connect(rsr_ssl_tls1);
-        other.join();
-        ready = connected == 0 && accepted == 0;
-    }
-};
+// A TLS channel between two streams on blocking sockets.
+bool tlsBetween(RPC2Stream& client, RPC2Stream& server)
+{
+    int accepted = -1;
+    std::jthread other([&] { accepted = server.__ssl_accept(serverCtx(), rsr_ssl_tls1); });
+    const int connected = client.ssl_connect(rsr_ssl_tls1);
+    other.join();
+    return connected == 0 && accepted == 0;
+}
 
 } // namespace
 
@@ -77,53 +62,39 @@ TEST(StreamOutput, ValuesLeaveAsOneDataPacketAndReadBackAsPut)
     s.stream.end_output();
     const Bytes ints = s.sp.readPeer();
     EXPECT_EQ(ints, hexBytes("C8 23 00 14 05 00 00 08 00 00 00 01 05 00 00 08 FF FF FF FE"));
-    // The next call's arguments start a fresh packet; a long travels as 32 bits.
-    ASSERT_EQ(s.stream.data_put<long>(INT_MIN), 0);
-    ASSERT_EQ(s.stream.data_put<long>(16422), 0);
     s.stream.end_output();
-    const Bytes longs = s.sp.readPeer();
-    EXPECT_EQ(longs, hexBytes("C8 23 00 14 05 00 00 08 80 00 00 00 05 00 00 08 00 00 40 26"));
-    s.stream.end_output();
-    EXPECT_TRUE(s.sp.readPeer().empty()) << "an empty packet went out";
+    EXPECT_TRUE(s.sp.readPeer().empty()) << "an empty packet";
 
-    s.sp.writePeer(concat({ints, longs}));
+    s.sp.writePeer(ints);
     EXPECT_EQ(next<int>(s.stream), 1);
     EXPECT_EQ(next<long>(s.stream), -2);
-    EXPECT_EQ(next<long>(s.stream), INT_MIN);
-    EXPECT_EQ(next<unsigned int>(s.stream), 16422u);
     EXPECT_TRUE(s.stream.good());
 }
 
 TEST(StreamInput, ReadsEveryTypedValueAcrossPacketsUntilAReplyWithoutData)
 {
     StreamOnPair s;
-    s.sp.writePeer(concat({wireData({"FFFFFFBB", "FFFFFFFE", "FFFFFFFE"}),
-                           wireData({"0000000100000002", "FFFFFFFFFFFFFFFE", "8000000000000000", "C004000000000000",
-                                     "400921FB54442D18", "616263"}),
+    s.sp.writePeer(concat({wireData({"FFFFFFBB", "FFFFFFFE"}),
+                           wireData({"0000000100000002", "FFFFFFFFFFFFFFFE", "C004000000000000", "616263"}),
                            // Control attributes between the values stay for the session to inspect.
                            wirePacket(rc_session_data, {{ra_termination, hexBytes("00000004")},
                                                         {ra_data, hexBytes("FFFFFFFE")},
                                                         {ra_call, hexBytes("FFFFBFDA")},
                                                         {ra_data, text("Local")},
-                                                        {ra_data, Bytes()},
                                                         {ra_call, hexBytes("00000001")},
                                                         {ra_data, text(std::string(300, 'x'))}}),
-                           wireData({"00000005", "00000006"}), wireData({}), wireData({}),
+                           wireData({"00000005", "00000006"}), wireData({}),
                            hexBytes("CB 23 00 0C 04 00 00 08 00 00 00 06")}));
     EXPECT_EQ(next<int>(s.stream), -69);
-    EXPECT_EQ(next<long>(s.stream), -2L);
     EXPECT_EQ(next<unsigned int>(s.stream), 4294967294u);
     // 64-bit values: high word first.
     EXPECT_EQ(next<long long>(s.stream), 0x100000002LL);
     EXPECT_EQ(next<long long>(s.stream), -2LL);
-    EXPECT_EQ(next<long long>(s.stream), LLONG_MIN);
     EXPECT_EQ(next<double>(s.stream), -2.5);
-    EXPECT_EQ(next<double>(s.stream), std::numbers::pi);
     EXPECT_EQ(blob(s.stream), hexBytes("61 62 63"));
 
     EXPECT_EQ(next<int>(s.stream), -2);
     EXPECT_EQ(next<std::string>(s.stream), "Local");
-    EXPECT_EQ(next<std::string>(s.stream), "");
     EXPECT_EQ(next<std::string>(s.stream), std::string(300, 'x'));
     int v = 0;
     EXPECT_TRUE(s.stream.packet().find(ra_termination));
@@ -134,7 +105,6 @@ TEST(StreamInput, ReadsEveryTypedValueAcrossPacketsUntilAReplyWithoutData)
     EXPECT_EQ(next<int>(s.stream), 5);
     EXPECT_EQ(s.stream.end_input(), 0);
     next<int>(s.stream, ec_noent);
-    blob(s.stream, ec_noent);
     // The termination stays in the input packet for the session to inspect.
     next<int>(s.stream, ec_badmsg);
     EXPECT_EQ(s.stream.packet().code(), rc_session_termination);
@@ -149,10 +119,8 @@ TEST(StreamInput, WrongSizedValuesStayForTheNextRead)
     EXPECT_EQ(blob(s.stream), hexBytes("01 02 03 04 05"));
     // Eight bytes are no 32-bit number but are a 64-bit one.
     next<int>(s.stream, ec_inval);
-    next<unsigned int>(s.stream, ec_inval);
     EXPECT_EQ(next<long long>(s.stream), 7);
     // Nine bytes are too long for any number.
-    next<long long>(s.stream, ec_inval);
     next<double>(s.stream, ec_inval);
     EXPECT_EQ(blob(s.stream).size(), 9u);
     // Shorter 64-bit values are read from the front; missing bytes are zero.
@@ -164,10 +132,9 @@ TEST(StreamInput, WrongSizedValuesStayForTheNextRead)
 
 TEST(StreamReceive, ShortOrMalformedPacketsAreSessionErrorsThatStay)
 {
-    // Nothing, sizes 0 and 3, a cut header, 100 bytes announced and 10 sent,
-    // an attribute overrunning its packet; each after a good packet.
-    for (const char* hex : {"", "C8 23 00 00", "C8 23 00 03 05 00 00 08", "C8 23",
-                            "C8 23 00 64 05 05 05 05 05 05 05 05 05 05", "C8 23 00 0C 05 00 00 09 00 00 00 01"}) {
+    // Nothing, size 3, 100 bytes announced and 10 sent, an attribute overrunning its packet.
+    for (const char* hex : {"", "C8 23 00 03 05 00 00 08", "C8 23 00 64 05 05 05 05 05 05 05 05 05 05",
+                            "C8 23 00 0C 05 00 00 09 00 00 00 01"}) {
         SCOPED_TRACE(hex);
         StreamOnPair s;
         s.sp.writePeer(concat({wireData({"00000029"}), hexBytes(hex)}));
@@ -183,17 +150,10 @@ TEST(StreamReceive, ShortOrMalformedPacketsAreSessionErrorsThatStay)
         EXPECT_EQ(s.stream.listen(), 0);
     }
 
-    // A quiet line is "not yet"; an unconnected socket reports hang-up and never any input.
+    // A quiet line is "not yet".
     StreamOnPair quiet;
-    EXPECT_EQ(quiet.stream.poll(), ec_timedout);
     EXPECT_EQ(quiet.stream.recv_packet(), ec_timedout);
     EXPECT_TRUE(quiet.stream.good());
-    RPC2Stream unconnected(::socket(AF_UNIX, SOCK_STREAM, 0), nullptr);
-    EXPECT_EQ(unconnected.poll(), -ec_inval);
-    EXPECT_EQ(unconnected.recv_packet(), ec_inval);
-    next<int>(unconnected, ec_inval);
-    EXPECT_EQ(unconnected.listen(), 0);
-    EXPECT_EQ(unconnected.error_flags_word(), RPC2Stream::ef_socket);
 }
 
 TEST(StreamBuffer, APacketHeldInTheStreamsBufferOutlivesTheBuffersReuse)
@@ -208,13 +168,6 @@ TEST(StreamBuffer, APacketHeldInTheStreamsBufferOutlivesTheBuffersReuse)
     EXPECT_EQ(s.sp.readPeer(), wireData({"0A0B0C0D", "0A0B0C0D", "0A0B0C0D", "0A0B0C0D"}));
     EXPECT_EQ(next<int>(s.stream), 2);
     EXPECT_EQ(next<int>(s.stream), 3);
-
-    // Adding to the input packet keeps its unread values.
-    s.sp.writePeer(wireData({"00000005", "00000006"}));
-    EXPECT_EQ(next<int>(s.stream), 5);
-    ASSERT_EQ(s.stream.packet().put_data("tail", 4), 0);
-    EXPECT_EQ(next<int>(s.stream), 6);
-    EXPECT_EQ(next<std::string>(s.stream), "tail");
 
     // Receiving the next packet, here one that never arrives whole, leaves
     // the value not yet read as it was.
@@ -231,30 +184,33 @@ TEST(StreamBuffer, APacketHeldInTheStreamsBufferOutlivesTheBuffersReuse)
 
 TEST(StreamTls, AQuietChannelIsNotYetWhatCameIsReadAndAPeerThatLeftFailsTheWriteWithoutASignal)
 {
-    TlsPair t;
-    ASSERT_TRUE(t.ready);
+    SocketPair sp;
+    RPC2Stream client{sp.release(0), nullptr};
+    auto server = std::make_unique<RPC2Stream>(sp.release(1), nullptr);
+    Watchdog dog{5000, "the TLS pair", [fd = client.sock()] { ::shutdown(fd, SHUT_RDWR); }};
+    ASSERT_TRUE(tlsBetween(client, *server));
     const auto t0 = Clock::now();
-    EXPECT_EQ(t.client.recv_packet(), ec_timedout);
+    EXPECT_EQ(client.recv_packet(), ec_timedout);
     EXPECT_LT(msSince(t0), 2000) << "looking for input waited";
     for (int v : {7, 8}) {
-        t.server->data_put<int>(v);
-        t.server->end_output();
+        server->data_put<int>(v);
+        server->end_output();
     }
-    EXPECT_EQ(next<int>(t.client), 7);
-    EXPECT_EQ(next<int>(t.client), 8);
-    EXPECT_TRUE(t.client.good());
+    EXPECT_EQ(next<int>(client), 7);
+    EXPECT_EQ(next<int>(client), 8);
+    EXPECT_TRUE(client.good());
 
     static std::atomic<int> raised{0};
     struct sigaction count{}, old{};
     count.sa_handler = [](int) { raised.fetch_add(1); };
     sigemptyset(&count.sa_mask);
     ASSERT_EQ(::sigaction(SIGPIPE, &count, &old), 0);
-    t.server.reset(); // closes its end
+    server.reset(); // closes its end
     RPC2Packet p;
     p.code(rc_session_data);
     p.put_data(1);
     for (int i = 0; i < 3; ++i)
-        t.client << p;
+        client << p;
     ::sigaction(SIGPIPE, &old, nullptr);
     EXPECT_EQ(raised.load(), 0);
 }
@@ -269,13 +225,9 @@ struct Wait {
 
 const Wait waits[] = {
     {"listen, nothing sent", "", [](RPC2Stream& s) { return s.listen(); }, 0},
-    {"listen, half a header", "C8 23", [](RPC2Stream& s) { return s.listen(); }, 0},
     {"recv_packet, a header", "C8 23 00 10", [](RPC2Stream& s) { return s.recv_packet(); }, ec_inval},
     {"data_get<long long>, part of the body", "C8 23 00 10 05 00 00 08 00",
      [](RPC2Stream& s) { long long v; return s.data_get(v); }, ec_inval},
-    {"data_get_new, nothing sent", "",
-     [](RPC2Stream& s) { char* d = nullptr; int n = 0; const int r = s.data_get_new(d, n); delete[] d; return r; },
-     ec_inval},
     {"send, peer reads nothing", "", [](RPC2Stream& s) { smallSendBuffer(s.sock()); return sendBig(s); }, 0},
     {"TLS client handshake", "", [](RPC2Stream& s) { return s.ssl_connect(rsr_ssl_tls1); }, ec_access},
     {"TLS server handshake", "", [](RPC2Stream& s) { return s.__ssl_accept(serverCtx(), rsr_ssl_tls1); },
@@ -314,7 +266,7 @@ TEST(BoundedStream, TricklingPeerDoesNotStretchTheDeadline)
     const Bytes wire = concat({hexBytes("C8 23 01 00"), Bytes(252, 0)});
     std::jthread writer([&](std::stop_token stop) {
         for (unsigned char b : wire)
-            if (::send(s.sp.peer(), &b, 1, MSG_NOSIGNAL) != 1 || !delayPassed(stop, 20))
+            if (::send(s.sp.fds[1], &b, 1, MSG_NOSIGNAL) != 1 || !delayPassed(stop, 20))
                 return;
     });
     const auto t0 = Clock::now();
@@ -324,15 +276,10 @@ TEST(BoundedStream, TricklingPeerDoesNotStretchTheDeadline)
     EXPECT_TRUE(s.stream.timed_out());
 }
 
-TEST(BoundedStream, SocketTurnsNonBlockingOnceBoundedAndADisarmedDeadlineIsGone)
+TEST(BoundedStream, ADisarmedDeadlineIsGone)
 {
     StreamOnPair s;
-    s.stream.set_timeout(0);
-    s.stream.set_timeout(-5);
-    s.stream.set_cancel(nullptr);
-    EXPECT_FALSE(nonBlocking(s.stream.sock())) << "an unbounded stream needs its blocking socket";
     s.stream.set_timeout(1);
-    EXPECT_TRUE(nonBlocking(s.stream.sock()));
     std::this_thread::sleep_for(std::chrono::milliseconds(5)); // past, but disarmed next
     s.stream.set_timeout(0);
     s.sp.writePeer(wireData({"0000002A"}));
@@ -345,8 +292,8 @@ TEST(BoundedStream, LargePacketsTravelWholeInPiecesUnboundedBoundedAndOverTls)
     for (const char* mode : {"unbounded", "bounded", "TLS"}) {
         SCOPED_TRACE(mode);
         SocketPair sp;
-        smallSendBuffer(sp.near());
-        smallSendBuffer(sp.peer());
+        smallSendBuffer(sp.fds[0]);
+        smallSendBuffer(sp.fds[1]);
         RPC2Stream sender(sp.release(0), nullptr);
         RPC2Stream receiver(sp.release(1), nullptr);
         Watchdog dog(8000, "the packet", [a = sender.sock(), b = receiver.sock()] {
@@ -358,11 +305,7 @@ TEST(BoundedStream, LargePacketsTravelWholeInPiecesUnboundedBoundedAndOverTls)
             receiver.set_timeout(5000);
         }
         if (std::string(mode) == "TLS") {
-            int accepted = -1;
-            std::jthread server([&] { accepted = receiver.__ssl_accept(serverCtx(), rsr_ssl_tls1); });
-            EXPECT_EQ(sender.ssl_connect(rsr_ssl_tls1), 0);
-            server.join();
-            ASSERT_EQ(accepted, 0);
+            ASSERT_TRUE(tlsBetween(sender, receiver));
         }
         Bytes got;
         int nine = 0;
