@@ -31,12 +31,9 @@ TEST(CommandLineTest, AcceptsEachCommandWithItsOptionsInAnyOrderAndRefusesMistak
     };
     const Valid valid[] = {
         {{"--json", "report"}, CommandLine::Report, true, false, false},
-        {{"messages", "--json"}, CommandLine::Messages, true, false, false},
-        {{"switch-internet"}, CommandLine::SwitchInternet, false, false, false},
         {{"waybar", "--once", "--format", "text"}, CommandLine::Waybar, false, true, true},
         {{"waybar", "--format=json"}, CommandLine::Waybar, false, false, false},
         {{"status", "-h"}, CommandLine::Help, false, false, false},
-        {{"-V"}, CommandLine::Version, false, false, false},
         {{"--version", "--help"}, CommandLine::Help, false, false, false},
     };
     for (const Valid& c : valid) {
@@ -51,11 +48,8 @@ TEST(CommandLineTest, AcceptsEachCommandWithItsOptionsInAnyOrderAndRefusesMistak
     const std::pair<QStringList, QString> mistakes[] = {
         {{}, "no command given"},
         {{"stats"}, "unknown command \"stats\""},
-        {{"status", "report"}, "unexpected argument \"report\""},
         {{"status", "--verbose"}, "unknown option --verbose"},
-        {{"status", "--json=yes"}, "option --json takes no value"},
         {{"switch-internet", "--json"}, "switch-internet does not take --json"},
-        {{"status", "--once"}, "status does not take --once"},
         {{"waybar", "--format"}, "--format takes \"json\" or \"text\""},
         {{"--", "--json"}, "unknown command \"--json\""},
     };
@@ -82,7 +76,6 @@ TEST(FailureTest, ConnectAndCallResultsMapOntoExitCodes)
         {MiniClient::rcSessionFailed, EACCES, Failure::LoginRefused, "login refused"},
         {MiniClient::rcSessionFailed, EBADMSG, Failure::Failed, "b.example:11758 is not a billing server"},
         {MiniClient::rcSessionFailed, ECONNREFUSED, Failure::Unreachable, "cannot be reached: connection refused"},
-        {MiniClient::rcSessionFailed, EPROTO, Failure::Unreachable, "cannot be reached"},
     };
     for (const Case& c : cases) {
         SCOPED_TRACE(std::to_string(c.result) + "/" + std::to_string(c.error));
@@ -104,56 +97,44 @@ AccountState online(double balance, bool internet, bool fresh = false, int newCo
     return s;
 }
 
-TEST(BarLineTest, ClassesFollowTheStateTheLowBalanceLevelAndNewMessages)
+TEST(BarLineTest, ClassesTextAndTooltipFollowTheStateTheLowBalanceLevelAndNewMessages)
 {
-    struct Case {
-        const char* name;
+    AccountState offline;
+    offline.newMessages = true;
+    const struct {
         AccountState state;
         bool lowOn;
         double low;
         QStringList classes;
+        const char *text, *tooltip;
+    } cases[] = {
+        {online(1234.5, true), false, 0, {"internet-on"}, "1234.50", "Balance: 1234.50\nInternet: on"},
+        {offline, true, 100, {"offline", "new-messages"}, "\u2014", "Offline\nLogin refused: check the login\nNew messages"},
+        {online(9.99, true), true, 10, {"internet-on", "low-balance"}, "9.99", nullptr},
+        {online(10, true), true, 10, {"internet-on"}, "10.00", nullptr},
+        {online(-5, false), true, -1, {"internet-off", "low-balance"}, "-5.00", nullptr},
+        {online(-3.456, false, true, 2), true, 5, {"internet-off", "low-balance", "new-messages"}, "-3.46",
+         "Balance: -3.46\nInternet: off\n2 new messages"},
     };
-    AccountState offlineWithNews;
-    offlineWithNews.newMessages = true;
-    const Case cases[] = {
-        {"off", online(10, false), false, 0, {"internet-off"}},
-        {"offline with news", offlineWithNews, true, 100, {"offline", "new-messages"}},
-        {"below the level", online(9.99, true), true, 10, {"internet-on", "low-balance"}},
-        {"at the level", online(10, true), true, 10, {"internet-on"}},
-        {"level not set", online(-5, false), false, 10, {"internet-off"}},
-        {"negative level", online(-5, false), true, -1, {"internet-off", "low-balance"}},
-        {"everything", online(1, false, true, 2), true, 5, {"internet-off", "low-balance", "new-messages"}},
-    };
-    for (const Case& c : cases) {
-        SCOPED_TRACE(c.name);
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.text);
         BarLine bar;
         bar.lowBalanceOn = c.lowOn;
         bar.lowBalance = c.low;
+        bar.offlineReason = "login refused: check the login";
         const QJsonObject json = bar.waybar(c.state);
         EXPECT_EQ(c.classes.first(), json.value("alt").toString());
         EXPECT_EQ(QJsonArray::fromStringList(c.classes), json.value("class").toArray());
+        EXPECT_EQ(QString::fromUtf8(c.text), json.value("text").toString());
+        EXPECT_TRUE(!c.tooltip || c.tooltip == json.value("tooltip").toString()) << json.value("tooltip").toString().toStdString();
+        EXPECT_FALSE(bar.line(c.state, false).contains('\n')) << "one line, whatever the tooltip holds";
     }
+    EXPECT_EQ("-3.46 internet off +2 new messages", BarLine().text(online(-3.456, false, true, 2)));
 }
 
-TEST(BarLineTest, TextAndTooltipInTheTraysWordsAndTheOfflineStatus)
+// Offline the status has no balance, whatever was left from before the session was lost.
+TEST(OutputTest, OfflineStatusHasNoBalance)
 {
-    BarLine bar;
-    QJsonObject line = bar.waybar(online(1234.5, true));
-    EXPECT_EQ("1234.50", line.value("text").toString());
-    EXPECT_EQ("Balance: 1234.50\nInternet: on", line.value("tooltip").toString());
-    line = bar.waybar(online(-3.456, false, true, 2));
-    EXPECT_EQ("-3.46", line.value("text").toString());
-    EXPECT_EQ("Balance: -3.46\nInternet: off\n2 new messages", line.value("tooltip").toString());
-    EXPECT_EQ("-3.46 internet off +2 new messages", bar.text(online(-3.456, false, true, 2)));
-    // The tray tells only that there are new messages, not how many.
-    EXPECT_EQ("Balance: 5.00\nInternet: on\nNew messages", bar.waybar(online(5, true, true)).value("tooltip").toString());
-
-    bar.offlineReason = "login refused: check the login";
-    EXPECT_EQ("Offline\nLogin refused: check the login", bar.waybar(AccountState()).value("tooltip").toString());
-    EXPECT_EQ("offline", bar.text(AccountState()));
-    EXPECT_FALSE(bar.line(AccountState(), false).contains('\n')) << "one line, whatever the tooltip holds";
-
-    // Offline the status has no balance, whatever was left from before the session was lost.
     AccountState s;
     s.internetOn = true;
     s.balance = 12;
@@ -180,8 +161,6 @@ TEST(ReportFormatTest, JsonKeepsExactSizesAndJsonThatIsNoReportKeepsTheOldOne)
 
     const std::pair<const char*, const char*> bad[] = {
         {R"({"services": []})", "\"sizeDivisor\" is not a whole number"},
-        {R"({"sizeDivisor": 1})", "\"services\" is not a list"},
-        {R"({"sizeDivisor": 1, "services": [{"oldPrepaid": []}]})", "services[0] has no \"name\""},
         {R"({"sizeDivisor": 1, "services": [{"name": "a", "oldPrepaid": [], "prepaid": [],
              "downloaded": [{"id": 1, "name": "x", "bytes": -1}]}]})",
          "services[0].downloaded[0] needs"},
@@ -203,29 +182,20 @@ public:
     std::string path;
 };
 
-TEST(MessagesJsonTest, ListsTheStoreOldestFirstAndLeavesTheCursorWhereItWas)
+TEST(MessagesJsonTest, ListsTheStoreOldestFirst)
 {
     QTemporaryDir dir;
     ASSERT_TRUE(dir.isValid());
     PathFinder finder(dir.filePath("messages").toStdString());
     MessageCollector store(&finder);
     EXPECT_TRUE(messagesJson(store).isEmpty());
-    for (std::string i : {"1", "2", "3", "4"}) {
+    for (std::string i : {"1", "2"}) {
         std::string subject = "s" + i, text = "<p>t" + i + "</p>", date = "0" + i + ".01.2024 10:00:00";
         store.insertMessage(subject, text, date);
     }
-    for (std::size_t at : {0u, 1u, 3u}) {
-        while (store.currentIndex() > at)
-            store.prevMessage();
-        const QJsonArray list = messagesJson(store);
-        ASSERT_EQ(4, list.size());
-        EXPECT_EQ("s1", list.at(0).toObject().value("subject").toString());
-        EXPECT_EQ("<p>t4</p>", list.at(3).toObject().value("text").toString());
-        EXPECT_EQ("02.01.2024 10:00:00", list.at(1).toObject().value("date").toString());
-        EXPECT_EQ(at, store.currentIndex());
-        while (store.currentIndex() < 3)
-            store.nextMessage();
-    }
+    EXPECT_EQ(R"([{"date":"01.01.2024 10:00:00","subject":"s1","text":"<p>t1</p>"},)"
+              R"({"date":"02.01.2024 10:00:00","subject":"s2","text":"<p>t2</p>"}])",
+              QJsonDocument(messagesJson(store)).toJson(QJsonDocument::Compact).toStdString());
 }
 
 TEST(HtmlTextTest, TagsGoEntitiesAreDecodedBlocksBreakLines)
@@ -235,14 +205,11 @@ TEST(HtmlTextTest, TagsGoEntitiesAreDecodedBlocksBreakLines)
         {"Fish &amp; Chips &lt;b&gt; &quot;q&quot; &#39;s&#39; a&nbsp;b", "Fish & Chips <b> \"q\" 's' a b"},
         {"&#8364; &#x20AC; &apos; &copy; &amp", "\u20ac \u20ac ' &copy; &amp"},
         {"&#0; &#x110000; &#xD800;", "&#0; &#x110000; &#xD800;"},
-        {"one<br>two<br/><br />four", "one\ntwo\n\nfour"},
         {"  lots \n of\t\tspace  ", "lots of space"},
         {"<ul><li>first</li><li>second</li></ul>", "- first\n- second"},
         {"<table><tr><th>A</th><th>B</th></tr><tr><td>1</td><td>2</td></tr></table>after", "A  B\n1  2\n\nafter"},
-        {"a < b and c > d", "a < b and c > d"},
         {"x<!-- <p>hidden</p> -->y", "xy"},
         {"<style>p { color: red }</style><script>if (a < b) x();</script>shown", "shown"},
-        {"<H1>Title</H1><DIV>Body</DIV>", "Title\n\nBody"},
         {"cut <b", "cut"},
     };
     for (const auto& [html, text] : cases) {
