@@ -1,5 +1,4 @@
-// Helpers of the simulator tests: a started simulator, a logged-in client and
-// typed reads that fail the test on error.
+// Simulator test helpers: a started simulator, a logged-in client and reads that fail the test on error.
 #ifndef ZEL5_TESTS_SIMTESTCLIENT_H
 #define ZEL5_TESTS_SIMTESTCLIENT_H
 
@@ -31,28 +30,15 @@ inline std::unique_ptr<ZEL::RPCClient> login(std::uint16_t port, const char* use
     return c;
 }
 
-template <typename T> T get(ZEL::RPCClient& c)
-{
-    T value{};
-    EXPECT_EQ(0, c.rpcstream().data_get(value));
-    return value;
-}
-
-inline std::string getText(ZEL::RPCClient& c)
-{
-    char* data = nullptr;
-    int len = 0;
-    EXPECT_EQ(0, c.rpcstream().data_get_new(data, len));
-    const std::string s = data ? std::string(data, static_cast<std::size_t>(len)) : std::string();
-    delete[] data;
-    return s;
-}
-
 // The server's version text (-69): proof that a session still works.
 inline std::string version(ZEL::RPCClient& c)
 {
+    char* data = nullptr;
+    int len = 0;
     EXPECT_EQ(0, c._call(-69));
-    const std::string v = getText(c);
+    EXPECT_EQ(0, c.rpcstream().data_get_new(data, len));
+    const std::string v = data ? std::string(data, static_cast<std::size_t>(len)) : std::string();
+    delete[] data;
     EXPECT_EQ(0, c.end_call());
     return v;
 }
