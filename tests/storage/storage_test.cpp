@@ -2,13 +2,11 @@
 // balance history, each test in a throw-away home.
 #include "autostartentry.h"
 #include "balancehistory.h"
-#include "childprocess.h"
 #include "config.h"
 #include "filefinderqt.h"
 #include "messagecollector.h"
 
 #include <QDir>
-#include <QStandardPaths>
 #include <QTemporaryDir>
 #include <QtEndian>
 
@@ -39,9 +37,9 @@ QByteArray field(const QByteArray& s)
 }
 
 // One message as the store's file keeps it: subject, text, date.
-QByteArray record(const QByteArray& subject, const QByteArray& text = "text", const QByteArray& date = "01.02.2007 10:00:00")
+QByteArray record(const QByteArray& subject, const QByteArray& text = "text")
 {
-    return field(subject) + field(text) + field(date);
+    return field(subject) + field(text) + field("01.02.2007 10:00:00");
 }
 
 QByteArray readFile(const QString& path)
@@ -71,27 +69,15 @@ protected:
         qputenv("XDG_CONFIG_HOME", QFile::encodeName(dir.filePath("config")));
         qputenv("XDG_DATA_HOME", QFile::encodeName(dir.filePath("data")));
     }
-    static void add(MessageCollector& store, std::string subject, std::string text = "text")
+    static void add(MessageCollector& store, std::string subject)
     {
-        std::string date = "01.02.2007 10:00:00";
+        std::string text = "text", date = "01.02.2007 10:00:00";
         store.insertMessage(subject, text, date);
     }
     static std::string shown(MessageCollector& store)
     {
         std::string subject, text, date;
-        return store.currentMessage(subject, text, date) ? subject : "-";
-    }
-    // Every message, first to last, as "subject|text" lines; the cursor ends on the last.
-    static std::string listed(MessageCollector& store)
-    {
-        for (std::size_t i = 0; i < store.count(); ++i)
-            store.prevMessage();
-        std::string out, subject, text, date;
-        for (std::size_t i = 0; i < store.count(); ++i, store.nextMessage()) {
-            store.currentMessage(subject, text, date);
-            out += subject + "|" + text + "\n";
-        }
-        return out;
+        return store.currentMessage(subject, text, date) ? subject + "|" + text : "-";
     }
 
     QTemporaryDir dir;
@@ -103,22 +89,16 @@ protected:
 
 TEST_F(StorageTest, ConfigLoadTakesTheValuesInTurnUntilTheFirstMissingOrInvalidOne)
 {
-    // The good file with one piece of its text replaced; then loaded or not, and the address, web address,
-    // password, port, refresh rate and message time read.
+    // The good file with one piece replaced: loaded or not; address, web address, password, port, refresh, message time.
     const char* cases[][3] = {
         {"\n", "\n", "ok b.net|w.net:8443|secret|11759|300|1000"},
         {"refresh_rate=300", "refresh_rate=30", "ok b.net|w.net:8443|secret|11759|120|1000"},
         {"refresh_rate=300", "refresh_rate=5000", "ok b.net|w.net:8443|secret|11759|1000|1000"},
-        {"port=11759", "port=70000", "ok b.net|w.net:8443|secret|70000|300|1000"},
         {"w.net:8443", "", "ok b.net|b.net|secret|11759|300|1000"},
         {"password=8c9a9c8d9a8b", "password=bebeb", "ok b.net|w.net:8443|(none)|11759|300|1000"},
-        {"[other]", "[x]", "no |||11758|120|0"}, {"[messages]", "[x]", "no |||11758|120|0"},
-        {"address=b.net", "address=", "no |||11758|120|0"},
+        {"[other]", "[x]", "no |||11758|120|0"},
         {"login=ivan\n", "", "no b.net|||11758|120|0"},
-        {"password=8c9a9c8d9a8b", "password=", "no b.net|||11758|120|0"},
         {"port=11759", "port=http", "no b.net||secret|11758|120|0"},
-        {"refresh_rate=300", "refresh_rate=often", "no b.net|w.net:8443|secret|11759|120|0"},
-        {"switch_internet_on_exit=0\n", "", "no b.net|w.net:8443|secret|11759|300|0"},
         {"start_on_login=1", "start_on_login=true", "no b.net|w.net:8443|secret|11759|300|0"}};
     for (const auto& [from, to, expected] : cases) {
         writeFile(config, QByteArray(goodConfig).replace(from, to));
@@ -162,13 +142,13 @@ TEST_F(StorageTest, MessageFileHoldsLengthPrefixedRecordsAndIsNeverLeftHalfWritt
     writeFile(messages, record(QByteArray("ab\0cd", 5)));
     {
         MessageCollector store(&finder);
-        EXPECT_EQ(shown(store), "ab"); // cut at the zero byte
+        EXPECT_EQ(shown(store), "ab|text"); // cut at the zero byte
         add(store, std::string(300, 'x')), add(store, "ab"); // no duplicate detection
     } // destruction saves
     EXPECT_EQ(readFile(messages), record("ab") + record(QByteArray(300, 'x')) + record("ab"));
     EXPECT_EQ(MessageCollector(&finder).currentIndex(), 2u);
 
-    // Damaged files: the whole records are kept and written back without the damage.
+    // Damaged files, a huge length among them: the whole records are kept and written back without the damage.
     const QByteArray two = record("s1") + record("s2");
     const std::pair<QByteArray, int> files[] = {
         {two + "xyz", 2}, {record("s1") + "\xff\xff\xff\xff" "rest", 1},
@@ -205,77 +185,30 @@ TEST_F(StorageTest, ReadingAgainTakesWhateverTheFileNowHoldsAndKeepsTheListWhenI
     writeFile(messages, record(longer, longer) + record("two", "t") + record(longer, "three"));
     MessageCollector store(&finder);
     ASSERT_EQ(store.count(), 3u);
-    // Fewer and shorter messages over longer ones, one cut at its zero byte.
-    writeFile(messages, record(QByteArray("ab\0cd", 5), "x") + record("b", QByteArray(300, 'y')));
+    // Fewer and shorter messages over longer ones.
+    writeFile(messages, record("a", "x") + record("b", QByteArray(300, 'y')));
     EXPECT_TRUE(store.synchronize(false));
-    EXPECT_EQ(listed(store), "ab|x\nb|" + std::string(300, 'y') + "\n");
-    // More than the list holds.
-    writeFile(messages, record("1") + record("2") + record("3") + record("4"));
-    EXPECT_TRUE(store.synchronize(false));
-    EXPECT_EQ(store.count(), 4u);
-    EXPECT_EQ(store.currentIndex(), 3u);
+    ASSERT_EQ(store.count(), 2u);
+    EXPECT_EQ(shown(store), "b|" + std::string(300, 'y'));
+    store.prevMessage();
+    EXPECT_EQ(shown(store), "a|x");
     // A file that cannot be read leaves the list as it was; an empty one empties it.
     ASSERT_TRUE(QFile::remove(messages));
     EXPECT_FALSE(store.synchronize(false));
-    EXPECT_EQ(store.count(), 4u);
+    EXPECT_EQ(store.count(), 2u);
     writeFile(messages, QByteArray());
     EXPECT_TRUE(store.synchronize(false));
     EXPECT_TRUE(store.empty());
-}
-
-TEST_F(StorageTest, StoresLargerThanTheWriteBufferRoundTripByteForByte)
-{
-    // Many buffer-fulls, empty strings, and one text far larger than the buffer that goes out on its own.
-    QByteArray expected;
-    {
-        MessageCollector store(&finder);
-        for (int i = 0; i < 1200; ++i) {
-            const std::string text = i == 600 ? std::string(700 * 1024, 'h') : i % 7 == 0 ? "" : std::string(620, 'a' + i % 26);
-            add(store, "Notice " + std::to_string(i), text);
-            expected += record(QByteArray::fromStdString("Notice " + std::to_string(i)), QByteArray::fromStdString(text));
-        }
-        ASSERT_TRUE(store.synchronize(true));
-        EXPECT_EQ(readFile(messages), expected);
-    }
-    MessageCollector again(&finder);
-    EXPECT_EQ(again.count(), 1200u);
-    EXPECT_TRUE(again.synchronize(false));
-    ASSERT_TRUE(again.synchronize(true));
-    EXPECT_EQ(readFile(messages), expected);
-}
-
-TEST_F(StorageTest, MessageCursorStopsAtBothEndsAndDeletingShowsTheNeighbour)
-{
-    MessageCollector store(&finder);
-    store.nextMessage(), store.prevMessage(), store.deleteMessage(); // harmless when empty
-    std::string walk = shown(store);
-    add(store, "a"), add(store, "b"), add(store, "c"), add(store, "d");
-    for (auto step : {&MessageCollector::nextMessage, &MessageCollector::prevMessage, &MessageCollector::prevMessage,
-                      &MessageCollector::prevMessage, &MessageCollector::prevMessage, &MessageCollector::nextMessage})
-        (store.*step)(), walk += shown(store);
-    // Then delete the middle (its successor shows), the last (the new last), the first, the only one.
-    store.deleteMessage(), walk += shown(store);
-    store.nextMessage(), store.deleteMessage(), walk += shown(store);
-    store.prevMessage(), store.deleteMessage(), walk += shown(store);
-    store.deleteMessage(), walk += shown(store);
-    EXPECT_EQ(walk, "-dcbaab" "ccc-");
 }
 
 namespace {
 
 QByteArray execLine(const QString& path)
 {
-    for (const QByteArray& line : readFile(path).split('\n')) {
+    for (const QByteArray& line : readFile(path).split('\n'))
         if (line.startsWith("Exec="))
             return line.mid(5);
-    }
     return "(none)";
-}
-
-ino_t inode(const QString& path)
-{
-    struct stat st {};
-    return ::lstat(QFile::encodeName(path).constData(), &st) == 0 ? st.st_ino : 0;
 }
 
 class AutostartTest : public StorageTest {
@@ -304,19 +237,14 @@ TEST_F(AutostartTest, EnabledWritesTheEntryAndDisabledRemovesIt)
     EXPECT_EQ(QDir(dir.filePath("config/autostart")).entryList(QDir::Files), QStringList{"zel5_tray.desktop"});
     ASSERT_TRUE(AutostartEntry::apply(false, program));
     EXPECT_FALSE(QFileInfo::exists(entry));
-    EXPECT_TRUE(AutostartEntry::apply(false, program));
 }
 
-TEST_F(AutostartTest, AtStartTheEntryIsBroughtInLineAndRewrittenOnlyWhenItDiffers)
+TEST_F(AutostartTest, AtStartAStaleEntryOrALinkInItsPlaceIsReplaced)
 {
     // An entry left by an install elsewhere starts the wrong program.
     writeFile(entry, "[Desktop Entry]\nType=Application\nName=Orvane ZEL5 Tray\nExec=/opt/old/zel5_tray\n");
     ASSERT_TRUE(AutostartEntry::apply(true, program));
     EXPECT_EQ(execLine(entry), "/usr/bin/zel5_tray");
-    const ino_t first = inode(entry);
-    ASSERT_TRUE(AutostartEntry::apply(true, program));
-    EXPECT_EQ(inode(entry), first) << "the same entry again is left alone";
-
     // A link in its place, say to the system-wide entry, is replaced; its target stays as it was.
     const QString system = dir.filePath("zel5_tray.desktop");
     writeFile(system, "[Desktop Entry]\nExec=zel5_tray\n");
@@ -325,31 +253,19 @@ TEST_F(AutostartTest, AtStartTheEntryIsBroughtInLineAndRewrittenOnlyWhenItDiffer
     EXPECT_FALSE(QFileInfo(entry).isSymLink());
     EXPECT_EQ(execLine(entry), "/usr/bin/zel5_tray");
     EXPECT_EQ(readFile(system), "[Desktop Entry]\nExec=zel5_tray\n");
-    // A dangling link goes when the entry is turned off.
-    ASSERT_TRUE(QFile::remove(entry) && QFile::link(dir.filePath("gone.desktop"), entry));
-    ASSERT_TRUE(AutostartEntry::apply(false, program));
-    EXPECT_FALSE(QFileInfo(entry).isSymLink());
 }
 
 TEST_F(AutostartTest, BadProgramPathsAndUnwritablePlacesFailWithoutLosingTheEntry)
 {
     ASSERT_TRUE(AutostartEntry::apply(true, program));
     const QByteArray good = readFile(entry);
-    for (const QString& bad : {QString(), QStringLiteral("zel5_tray"), QStringLiteral("bin/zel5_tray"),
-                               QStringLiteral("/opt/a\nb/zel5_tray"), QStringLiteral("/opt/a\x01")}) {
+    for (const QString& bad : {QStringLiteral("bin/zel5_tray"), QStringLiteral("/opt/a\nb/zel5_tray")}) {
         EXPECT_FALSE(AutostartEntry::apply(true, bad)) << qPrintable(bad);
         EXPECT_EQ(readFile(entry), good) << qPrintable(bad);
     }
-    // The entry's name taken by a folder: neither written nor removed.
-    ASSERT_TRUE(QFile::remove(entry) && QDir().mkpath(entry + "/x"));
+    ASSERT_TRUE(QFile::remove(entry) && QDir().mkpath(entry + "/x")); // its name taken by a folder
     EXPECT_FALSE(AutostartEntry::apply(true, program));
     EXPECT_FALSE(AutostartEntry::apply(false, program));
-    EXPECT_TRUE(QFileInfo(entry).isDir());
-    // The autostart folder's name taken by a file.
-    ASSERT_TRUE(QDir(dir.filePath("config/autostart")).removeRecursively());
-    writeFile(dir.filePath("config/autostart"), "not a folder");
-    EXPECT_FALSE(AutostartEntry::apply(true, program));
-    EXPECT_TRUE(AutostartEntry::apply(false, program)); // no entry there
 }
 
 // A launcher takes the Exec value's string escapes first, then the quoting of the argument.
@@ -358,7 +274,6 @@ TEST_F(AutostartTest, ExecQuotesAndEscapesAPathSoThatTheLauncherGetsItWhole)
     const std::pair<QString, QString> paths[] = {
         {QString::fromUtf8("/opt/программы/zel5_tray"), QString::fromUtf8("/opt/программы/zel5_tray")},
         {"/opt/a=b/50%/zel5_tray", "/opt/a=b/50%%/zel5_tray"},
-        {"/opt/my apps/zel5_tray", "\"/opt/my apps/zel5_tray\""},
         {R"(/home/it's (new)/`id` $HOME \ "x" 50%/zel5_tray)",
          R"("/home/it's (new)/\\`id\\` \\$HOME \\\\ \\"x\\" 50%%/zel5_tray")"}};
     for (const auto& [path, exec] : paths) {
@@ -367,23 +282,6 @@ TEST_F(AutostartTest, ExecQuotesAndEscapesAPathSoThatTheLauncherGetsItWhole)
     }
     for (const QChar c : QStringLiteral(" \"'\\><~|&;$*?#()`")) // each one alone makes the quotes
         EXPECT_TRUE(AutostartEntry::execValue(QStringLiteral("/opt/a%1b").arg(c)).startsWith(u'"')) << int(c.unicode());
-}
-
-TEST_F(AutostartTest, TheWrittenEntryPassesDesktopFileValidate)
-{
-    const QString validator = QStandardPaths::findExecutable(QStringLiteral("desktop-file-validate"));
-    if (validator.isEmpty())
-        GTEST_SKIP() << "desktop-file-validate is not installed (Debian package desktop-file-utils)";
-    for (const QString& path : {program, QStringLiteral("/home/it's (new)/`id` $HOME \\ \"x\" 50%/zel5_tray")}) {
-        ASSERT_TRUE(AutostartEntry::apply(true, path));
-        zel5test::ChildProcess run({validator.toStdString(), entry.toStdString()}, {},
-                                   zel5test::ChildProcess::CaptureBoth);
-        ASSERT_TRUE(run.started()) << run.startError();
-        const auto exit = run.waitExit(std::chrono::seconds(30));
-        ASSERT_TRUE(exit) << "desktop-file-validate did not end within 30 s";
-        EXPECT_EQ(exit->code(), 0) << exit->describe();
-        EXPECT_EQ(run.takeStdout() + run.stderrText(), "") << qPrintable(path);
-    }
 }
 
 namespace {
@@ -419,32 +317,23 @@ TEST_F(BalanceHistoryTest, EachChangeIsRecordedOnceAndSurvivesAReload)
 {
     BalanceHistory history(path);
     ASSERT_TRUE(history.load()); // no file yet: an empty history
-    EXPECT_TRUE(history.samples().isEmpty());
     EXPECT_TRUE(history.record(1000, 10.5)); // the folder does not exist yet
-    EXPECT_FALSE(history.record(1300, 10.5));
-    EXPECT_TRUE(history.record(1900, 0.1 + 0.2));
-    EXPECT_TRUE(history.record(2200, -7));
-    EXPECT_TRUE(history.record(2500, 10.5)); // only the newest sample counts as "the same"
-    EXPECT_FALSE(history.record(3000, qQNaN()));
-    EXPECT_FALSE(history.record(3000, qInf()));
+    for (const auto& [time, balance, taken] : {std::tuple{1300, 10.5, false}, {1900, 0.1 + 0.2, true}, {2200, -7.0, true},
+                                               {2500, 10.5, true}, {3000, qQNaN(), false}}) // only the newest is "the same"
+        EXPECT_EQ(history.record(time, balance), taken) << time;
     EXPECT_EQ(readFile(path), "1000 10.5\n1900 0.30000000000000004\n2200 -7\n2500 10.5\n");
     EXPECT_EQ(QDir(QFileInfo(path).absolutePath()).entryList(QDir::Files | QDir::Hidden),
-              QStringList{"balance_history"}) << "a save left a temporary file behind";
-    struct stat st {};
-    ASSERT_EQ(::stat(QFile::encodeName(path).constData(), &st), 0);
-    EXPECT_EQ(st.st_mode & 0777, 0600u) << "the balance is the subscriber's own business";
+              QStringList{"balance_history"}) << "temporary file left";
+    EXPECT_EQ(mode(path), 0600);
 
     BalanceHistory reloaded(path);
     ASSERT_TRUE(reloaded.load());
-    EXPECT_EQ(text(reloaded.samples()), text(history.samples()));
-    EXPECT_EQ(reloaded.samples()[1].balance, 0.1 + 0.2) << "the balance round-trips exactly";
+    EXPECT_EQ(text(reloaded.samples()), text(history.samples())); // 17 digits: exact
     EXPECT_FALSE(reloaded.record(2800, 10.5)) << "a reload remembers the newest balance";
     EXPECT_EQ(text(reloaded.since(1900)), "1900:0.30000000000000004 2200:-7 2500:10.5");
-    EXPECT_EQ(text(reloaded.since(2501)), "");
 
     // A clock that went back drops the samples from its future, on disk too, even when nothing is added.
     EXPECT_TRUE(reloaded.record(2000, 4));
-    EXPECT_EQ(text(reloaded.samples()), "1000:10.5 1900:0.30000000000000004 2000:4");
     reloaded.record(7000, 5);
     EXPECT_FALSE(reloaded.record(2100, 4));
     EXPECT_EQ(readFile(path), "1000 10.5\n1900 0.30000000000000004\n2000 4\n");
@@ -470,15 +359,13 @@ TEST_F(BalanceHistoryTest, OldAndSurplusSamplesAreDropped)
     history.record(BalanceHistory::MaxAgeSeconds, 3); // the first is exactly 730 days old: kept
     EXPECT_EQ(history.samples().size(), 3);
     history.record(BalanceHistory::MaxAgeSeconds + Day + 1, 4);
-    EXPECT_EQ(text(history.samples()), QString("%1:3 %2:4").arg(BalanceHistory::MaxAgeSeconds)
-                                           .arg(BalanceHistory::MaxAgeSeconds + Day + 1));
+    EXPECT_EQ(history.samples().size(), 2);
     // Over the cap in the file: the newest are kept, and a record keeps the count at the cap.
     writeFile(path, lines(BalanceHistory::MaxSamples + 100));
     ASSERT_TRUE(history.load());
     ASSERT_EQ(history.samples().size(), BalanceHistory::MaxSamples);
     EXPECT_EQ(history.samples().first().time, Now + 100);
     EXPECT_TRUE(history.record(Now + BalanceHistory::MaxSamples + 100, 7));
-    EXPECT_EQ(history.samples().size(), BalanceHistory::MaxSamples);
     EXPECT_EQ(history.samples().first().time, Now + 101);
     EXPECT_EQ(readFile(path).count('\n'), BalanceHistory::MaxSamples);
 }
@@ -509,19 +396,19 @@ TEST_F(BalanceHistoryTest, AKilledWriterLeavesTheOldOrTheNewFileWhole)
         pollfd started{ready[0], POLLIN, 0};
         const bool saving = ::poll(&started, 1, 10000) == 1;
         ::close(ready[0]);
-        if (saving) // somewhere in the saves that follow the first
+        if (saving) // the kill moment, somewhere in the saves that follow the first
             ::usleep(std::uniform_int_distribution<useconds_t>(0, 20000)(random));
         ::kill(pid, SIGKILL);
         int status = 0;
         ASSERT_EQ(::waitpid(pid, &status, 0), pid);
-        ASSERT_TRUE(saving) << "the writer did not start within 10 s";
+        ASSERT_TRUE(saving) << "the writer's first save within 10 s";
 
         const QByteArray data = readFile(path);
         BalanceHistory history(path);
         ASSERT_TRUE(history.load());
         ASSERT_TRUE(data.endsWith('\n') && data.count('\n') == BalanceHistory::MaxSamples
                     && history.samples().size() == BalanceHistory::MaxSamples)
-            << "round " << round << ": " << data.count('\n') << " lines, " << history.samples().size() << " samples";
+            << "round " << round << ": " << data.count('\n') << " lines";
     }
     BalanceHistory after(path);
     ASSERT_TRUE(after.load());
@@ -536,9 +423,7 @@ TEST_F(BalanceHistoryTest, AForecastNeedsSevenDaysOfFallingBalanceSinceTheLastPa
         {"a part day rounds up", {105, 95, 85, 75, 65, 55, 45, 35}, 4},
         {"six days", {90, 80, 70, 60, 50, 40, 30}, std::nullopt},
         {"first and last set the rate", {100, 99, 98, 97, 96, 95, 94, 30}, 3},
-        {"run out", {70, 60, 50, 40, 30, 20, 10, 0}, std::nullopt},
         {"in debt", {65, 55, 45, 35, 25, 15, 5, -5}, std::nullopt},
-        {"one sample", {50}, std::nullopt},
         {"paid three days ago", {100, 90, 80, 70, 60, 50, 40, 30, 20, 200, 190, 180, 170}, std::nullopt},
         {"a payment, then 210 to 120 in 9 days", {100, 90, 80, 210, 200, 190, 180, 170, 160, 150, 140, 130, 120}, 12},
         {"only rising", {10, 20, 30, 40, 50, 60, 70, 80}, std::nullopt},
@@ -549,13 +434,4 @@ TEST_F(BalanceHistoryTest, AForecastNeedsSevenDaysOfFallingBalanceSinceTheLastPa
             history.record(Now - (balances.size() - 1 - i) * Day, balances[i]);
         EXPECT_EQ(history.daysLeft(Now), days) << name;
     }
-
-    BalanceHistory history(path);
-    history.record(Now - 100 * Day, 500);
-    history.record(Now - 5 * Day, 400);
-    history.record(Now, 300);
-    EXPECT_EQ(history.daysLeft(Now), std::nullopt) << "the fall within 90 days spans 5 days";
-    history.record(Now + 3 * Day, 280); // 120 over 8 days: 15 a day
-    EXPECT_EQ(history.daysLeft(Now + 3 * Day), 19);
-    EXPECT_EQ(history.daysLeft(Now + 92 * Day), std::nullopt) << "only the last sample left in the window";
 }
