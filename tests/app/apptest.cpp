@@ -3,7 +3,6 @@
 #include <QApplication>
 #include <QCheckBox>
 #include <QDBusConnection>
-#include <QFile>
 #include <QLineEdit>
 #include <QLoggingCategory>
 
@@ -30,29 +29,14 @@ void AppTest::writeSettings(const std::function<void(Config<QString>&)>& edit)
     ASSERT_TRUE(cfg._save(true));
 }
 
-QString AppTest::settingsFile() const
-{
-    QFile file(dir.filePath(QStringLiteral("config/zel5_trayrc")));
-    return file.open(QIODevice::ReadOnly) ? QString::fromUtf8(file.readAll()) : QString();
-}
-
-void AppTest::startApp()
-{
-    if (!app)
-        app = std::make_unique<TestApp>();
-    ZEL5TrayApp::_app = app.get();
-    app->init();
-}
-
 std::function<int(QDialog&)> settingsAnswer(const QString& login, const QString& password, bool accept, bool save)
 {
     return [=](QDialog& dialog) {
         auto* txtLogin = dialog.findChild<QLineEdit*>(QStringLiteral("txtLogin"));
         auto* txtPassword = dialog.findChild<QLineEdit*>(QStringLiteral("txtPassword"));
         auto* cbSave = dialog.findChild<QCheckBox*>(QStringLiteral("cbSaveSettings"));
-        EXPECT_TRUE(txtLogin && txtPassword && cbSave);
         if (!txtLogin || !txtPassword || !cbSave)
-            return int(QDialog::Rejected);
+            return ADD_FAILURE() << "the settings dialog's fields", int(QDialog::Rejected);
         txtLogin->setText(login);
         txtPassword->setText(password);
         cbSave->setChecked(save);

@@ -11,8 +11,8 @@
 #include "zel5trayapp.h"
 
 #include <QCoreApplication>
-#include <QDeadlineTimer>
 #include <QDialog>
+#include <QFile>
 #include <QTemporaryDir>
 #include <QTest>
 
@@ -46,22 +46,17 @@ public:
     using ZEL5TrayApp::firstRetryMs, ZEL5TrayApp::noTrayNoticeMs, ZEL5TrayApp::sessionCheckGapMs;
     ZEL5Icon* trayIcon() const { return icon; }
     TryToConnectThread* worker() const { return thread; }
-    bool waitForWorker() { return thread->wait(QDeadlineTimer(10000)) && !thread->busy(); }
     // Every request handed to the worker has come back and was applied.
     bool settle(int ms = 10000) { return QTest::qWaitFor([this] { return !thread->busy(); }, ms); }
     bool connected() const { return account().connected; }
 
-    int loginTimeoutMs = 15000, callTimeoutMs = 30000; // short ones keep the fault tests quick
+    int timeoutMs = 15000; // login and call; short ones keep the fault tests quick
     std::function<int(QDialog&)> answer; // none: every dialog is cancelled
     QStringList dialogs;                 // class names, in order
     int connectedEvents = 0;
 
 protected:
-    void configureClient(MiniClient& client) override
-    {
-        client.loginTimeoutMs = loginTimeoutMs;
-        client.callTimeoutMs = callTimeoutMs;
-    }
+    void configureClient(MiniClient& client) override { client.loginTimeoutMs = client.callTimeoutMs = timeoutMs; }
     int runDialog(QDialog& dialog) override
     {
         dialogs << QString::fromLatin1(dialog.metaObject()->className());
@@ -81,8 +76,18 @@ protected:
 
     // The settings file: the simulator and the subscriber "anna", then `edit`.
     void writeSettings(const std::function<void(Config<QString>&)>& edit = {});
-    QString settingsFile() const;
-    void startApp();
+    QString settingsFile() const
+    {
+        QFile file(dir.filePath(QStringLiteral("config/zel5_trayrc")));
+        return file.open(QIODevice::ReadOnly) ? QString::fromUtf8(file.readAll()) : QString();
+    }
+    void startApp()
+    {
+        if (!app)
+            app = std::make_unique<TestApp>();
+        ZEL5TrayApp::_app = app.get();
+        app->init();
+    }
     void addAccount(const char* login, const char* password, double balance)
     {
         sim->putAccount({.login = login, .password = password, .balance = balance, .internetStatus = 1,
@@ -91,7 +96,6 @@ protected:
     void editAccount(const std::function<void(zel5sim::Account&)>& fn) { ASSERT_TRUE(sim->withAccount("anna", fn)); }
     int internetAtServer() const { zel5sim::Account a; return sim->getAccount("anna", a) ? a.internetStatus : -1; }
     ZEL5Icon* icon() const { return app->trayIcon(); }
-    bool connected() const { return app->connected(); }
     QString tooltip() const { return icon()->toolTip(); }
     void openMenu() { icon()->contextMenuAboutToShow(icon()->menu()); } // as a right click does
     bool waitOnline() { return QTest::qWaitFor([this] { return icon()->online; }, 10000); }

@@ -16,23 +16,15 @@
 #include <algorithm>
 #include <chrono>
 #include <clocale>
-#include <cstdint>
 #include <cstdio>
-#include <cstdlib>
-#include <ctime>
 #include <fstream>
 #include <map>
 #include <random>
-#include <string>
-#include <tuple>
-#include <vector>
 
 using namespace std::chrono_literals;
 using zel5test::ChildProcess;
 
 namespace {
-
-constexpr int killWindowMs = 1500; // each kill comes 0 to this many ms after the start
 
 // One message as the store keeps it: subject, text and date; with how often it is there.
 using Message = std::tuple<std::string, std::string, std::string>;
@@ -47,9 +39,9 @@ std::string localDate(std::int32_t time)
     return localtime_r(&t, &local) ? std::string(buf, std::strftime(buf, sizeof buf, "%d.%m.%Y %X", &local)) : "";
 }
 
-// The store file: records of subject, text and date, each a 4-byte little-endian length and
-// the bytes. No file is an empty store; a record cut short is an error: the tray replaces the file whole.
-bool readStore(const std::string& path, Counts& out, std::size_t& records, std::string& error)
+// The store file: records of subject, text and date, each a 4-byte little-endian length and the
+// bytes. No file is an empty store; a record cut short is an error: the tray replaces the file whole.
+bool readStore(const std::string& path, Counts& out)
 {
     std::ifstream in(path, std::ios::binary);
     const auto text = [&in](std::string& s) {
@@ -63,12 +55,10 @@ bool readStore(const std::string& path, Counts& out, std::size_t& records, std::
         return size == 0 || static_cast<bool>(in.read(s.data(), size));
     };
     out.clear();
-    for (records = 0; in.is_open() && in.peek() != std::ifstream::traits_type::eof(); ++records) {
+    while (in.is_open() && in.peek() != std::ifstream::traits_type::eof()) {
         Message m;
-        if (!text(std::get<0>(m)) || !text(std::get<1>(m)) || !text(std::get<2>(m))) {
-            error = "the store ends in a damaged record after " + std::to_string(records) + " whole ones";
+        if (!text(std::get<0>(m)) || !text(std::get<1>(m)) || !text(std::get<2>(m)))
             return false;
-        }
         ++out[m];
     }
     return true;
@@ -94,14 +84,10 @@ void pointSettingsAt(int port, bool first)
 
 TEST(CrashTest, KilledAtAnyMomentTheStoreEndsWithEveryMessageOnce)
 {
-    const char* runsText = std::getenv("ZEL5_CRASH_RUNS");
-    const int runs = runsText && *runsText ? std::atoi(runsText) : 25;
-    ASSERT_TRUE(runs > 0 && runs <= 100000) << "ZEL5_CRASH_RUNS must be a whole number from 1";
-    const char* seedText = std::getenv("ZEL5_CRASH_SEED");
-    const std::uint32_t seed = seedText ? std::strtoul(seedText, nullptr, 10) : std::random_device()();
-    std::printf("[ seed     ] %u (ZEL5_CRASH_SEED=%u replays these kill moments), %d kills\n", seed, seed, runs);
-    std::fflush(stdout);
-    SCOPED_TRACE("seed " + std::to_string(seed));
+    const int runs = qEnvironmentVariableIntValue("ZEL5_CRASH_RUNS") > 0 ? qEnvironmentVariableIntValue("ZEL5_CRASH_RUNS") : 25;
+    const std::uint32_t seed = qEnvironmentVariableIsSet("ZEL5_CRASH_SEED")
+                                   ? qEnvironmentVariable("ZEL5_CRASH_SEED").toUInt() : std::random_device()();
+    SCOPED_TRACE("ZEL5_CRASH_SEED=" + std::to_string(seed) + " replays these kill moments");
     std::setlocale(LC_ALL, "");
 
     QTemporaryDir dir;
@@ -124,7 +110,7 @@ TEST(CrashTest, KilledAtAnyMomentTheStoreEndsWithEveryMessageOnce)
     ASSERT_EQ(0, busy.start());
     ASSERT_NO_FATAL_FAILURE(pointSettingsAt(busy.port(), true));
     std::mt19937 random(seed);
-    std::uniform_int_distribution<int> killAfter(0, killWindowMs);
+    std::uniform_int_distribution<int> killAfter(0, 1500);
     int killedAfterSave = 0;
     for (int run = 1; run <= runs; ++run) {
         SCOPED_TRACE("run " + std::to_string(run));
@@ -133,12 +119,10 @@ TEST(CrashTest, KilledAtAnyMomentTheStoreEndsWithEveryMessageOnce)
         ChildProcess tray({ZEL5_TRAY_EXECUTABLE}, env, ChildProcess::CaptureStderr);
         ASSERT_TRUE(tray.started()) << tray.startError();
         const auto early = tray.waitExit(std::chrono::milliseconds(delayMs)); // the moment of the kill
-        ASSERT_FALSE(early) << "the tray ended on its own within " << delayMs << " ms, " << early->describe()
-                            << "\n" << tray.stderrText();
+        ASSERT_FALSE(early) << "the tray ended on its own: " << early->describe() << "\n" << tray.stderrText();
         ASSERT_TRUE(tray.signal(SIGKILL));
         const auto killed = tray.waitExit(5s);
-        ASSERT_TRUE(killed) << "waited 5 s for the tray to die of SIGKILL";
-        EXPECT_EQ(SIGKILL, killed->signal()) << killed->describe();
+        ASSERT_TRUE(killed) << "the tray's end after SIGKILL";
         const auto after = fileId(store);
         killedAfterSave += after.first != before.first && after.second > 0;
     }
@@ -164,42 +148,26 @@ TEST(CrashTest, KilledAtAnyMomentTheStoreEndsWithEveryMessageOnce)
                            [&](const auto& s) { return stored.count(s.first) && stored.at(s.first) >= s.second; });
     };
 
-    std::size_t records = 0;
-    std::string error;
     ChildProcess tray({ZEL5_TRAY_EXECUTABLE}, env, ChildProcess::CaptureStderr);
     ASSERT_TRUE(tray.started()) << tray.startError();
     const auto catchUpEnd = std::chrono::steady_clock::now() + 20s;
     for (;;) {
-        ASSERT_TRUE(readStore(store, stored, records, error)) << error;
+        ASSERT_TRUE(readStore(store, stored)) << "the store ends in a damaged record";
         if (holdsAll())
             break;
-        ASSERT_LT(std::chrono::steady_clock::now(), catchUpEnd)
-            << "waited 20 s for the last run to retrieve the server's " << account.messages.size()
-            << " messages; the store holds " << records << " records\n" << tray.stderrText();
+        ASSERT_LT(std::chrono::steady_clock::now(), catchUpEnd) << "the last run's retrieval\n" << tray.stderrText();
         const auto ended = tray.waitExit(50ms); // looks again after a short step; the tray must not end
         ASSERT_FALSE(ended) << "the last run ended on its own, " << ended->describe() << "\n" << tray.stderrText();
     }
     ASSERT_TRUE(tray.signal(SIGTERM));
     const auto exit = tray.waitExit(2s);
-    ASSERT_TRUE(exit) << "waited 2 s for the tray to end after SIGTERM";
+    ASSERT_TRUE(exit) << "the tray's end after SIGTERM";
     EXPECT_EQ(0, exit->code()) << exit->describe() << "\n" << tray.stderrText();
 
     // The store as the clean exit left it, against the server.
-    ASSERT_TRUE(readStore(store, stored, records, error)) << error;
-    Counts all = stored;
-    all.insert(server.begin(), server.end());
-    int wrong = 0;
-    std::string details;
-    for (const auto& [m, n] : all) {
-        const int have = stored.count(m) ? stored.at(m) : 0, want = server.count(m) ? server.at(m) : 0;
-        if (have != want && ++wrong <= 20)
-            details += "\n  " + std::to_string(have) + " stored, " + std::to_string(want) + " at the server: \""
-                       + std::get<0>(m) + "\" of " + std::get<2>(m);
-    }
-    std::printf("[ measured ] %d kills, %d after a save of the store; %zu messages at the server, %zu records stored\n",
-                runs, killedAfterSave, account.messages.size(), records);
-    EXPECT_EQ(0, wrong) << "messages stored other than once:" << details;
-    EXPECT_GT(killedAfterSave, 0) << "no run lived long enough to retrieve messages and save the store: the test proved nothing";
+    ASSERT_TRUE(readStore(store, stored)) << "the store ends in a damaged record";
+    EXPECT_EQ(server, stored) << "each message stored once";
+    EXPECT_GT(killedAfterSave, 0) << "no kill came after a save of the store: the test proved nothing";
 }
 
 } // namespace

