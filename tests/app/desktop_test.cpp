@@ -304,6 +304,8 @@ TEST_F(DesktopTest, NewMessagesMakeOneNotificationWhoseShowActionOpensThemUntilI
 
     // Dismissed: a "Show" on it opens nothing, and the next messages get a notification of their own.
     emit server->NotificationClosed(first.id, 2);
+    ASSERT_TRUE(QTest::qWaitFor([&] { return app->notifier->idOf(DesktopNotifier::NewMessages) == 0; }, replyWaitMs))
+        << "NotificationClosed taken";
     emit server->ActionInvoked(first.id, QStringLiteral("show"));
     addMessage(future + 20, "Planned works");
     tick(); // its answer comes after the signals sent before it
