@@ -351,6 +351,26 @@ TEST_F(DesktopTest, TwoWakeUpsWithinTwoSecondsMakeOneCheck)
     EXPECT_EQ(2, sim->connectionsAccepted());
 }
 
+TEST_F(DesktopTest, AfterAWakeUpASessionTheServerForgotIsReplacedWithinFiveSeconds)
+{
+    writeSettings();
+    start();
+    ASSERT_TRUE(waitOnline());
+    ASSERT_TRUE(app->settle());
+    // The server restarted while the machine slept: the tray's session is gone with it.
+    const int port = sim->port();
+    sim->stop();
+    sim = std::make_unique<zel5sim::BillingSim>(zel5sim::Options{.port = port, .withDemoAccount = false});
+    ASSERT_EQ(0, sim->start()) << "the new server on port " << port;
+    addAccount("anna", "secret", 7.5);
+    emit logind->PrepareForSleep(true);
+    emit logind->PrepareForSleep(false);
+    EXPECT_TRUE(QTest::qWaitFor([&] { return app->connected() && tooltip() == QStringLiteral("Balance: 7.50"); }, 5000))
+        << "in session with the new server: " << tooltip().toStdString();
+    ASSERT_TRUE(app->settle());
+    EXPECT_EQ(1, sim->connectionsAccepted());
+}
+
 TEST_F(DesktopTest, NotificationsSentBeforeTheServiceAnsweredReplaceInsteadOfStacking)
 {
     DesktopNotifier notifier(nullptr);
