@@ -22,7 +22,7 @@ constexpr std::uint32_t readChunk = 64 * 1024;
 // The file is written through a buffer of at most this size: a few large
 // writes instead of one per string, and the buffer stays small beside the
 // list (a small store's buffer grows only to the store's size).
-constexpr std::size_t saveBlock = 256 * 1024;
+constexpr std::size_t saveBlock = 1024 * 1024;
 
 std::uint32_t littleEndian32(const unsigned char* p)
 {
