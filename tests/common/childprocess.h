@@ -1,6 +1,4 @@
-// A program started by a test, its output read through pipes and its input
-// /dev/null. Every wait is bounded, signals go to the child's own id only, and
-// a child still running when the object goes is killed and reaped.
+// A child program with piped output: bounded waits, signals to its own id only, killed and reaped at the end.
 #ifndef ZEL5_TESTS_CHILDPROCESS_H
 #define ZEL5_TESTS_CHILDPROCESS_H
 
@@ -28,11 +26,8 @@ class ChildProcess {
 public:
     enum Capture { CaptureNone = 0, CaptureStdout = 1, CaptureStderr = 2, CaptureBoth = 3 };
 
-    enum class Read {
-        Line,    // a line without its newline, or the unterminated rest at the end
-        Timeout,
-        End,     // standard output closed (or not captured) and all of it taken
-    };
+    // Line: without its newline, or the unterminated rest; End: standard output closed (or not captured) and taken.
+    enum class Read { Line, Timeout, End };
 
     struct Exit {
         int status = 0;
@@ -40,9 +35,8 @@ public:
         int signal() const { return WIFSIGNALED(status) ? WTERMSIG(status) : 0; }
         std::string describe() const
         {
-            return WIFEXITED(status) ? "exited with code " + std::to_string(WEXITSTATUS(status))
-                                     : "killed by signal " + std::to_string(WTERMSIG(status)) + " ("
-                                           + strsignal(WTERMSIG(status)) + ")";
+            return code() >= 0 ? "exited with code " + std::to_string(code())
+                               : "killed by signal " + std::to_string(signal()) + " (" + strsignal(signal()) + ")";
         }
     };
 
@@ -62,8 +56,7 @@ public:
         posix_spawnattr_t attr;
         posix_spawnattr_init(&attr);
         sigset_t none, defaults;
-        sigemptyset(&none);
-        sigemptyset(&defaults);
+        sigemptyset(&none), sigemptyset(&defaults);
         for (int sig : {SIGHUP, SIGINT, SIGQUIT, SIGPIPE, SIGALRM, SIGTERM, SIGUSR1, SIGUSR2, SIGCHLD})
             sigaddset(&defaults, sig);
         posix_spawnattr_setsigmask(&attr, &none);
@@ -78,12 +71,11 @@ public:
         }
         env.insert(env.end(), extraEnv.begin(), extraEnv.end());
         std::vector<char*> args, envp;
-        for (const std::string& a : argv)
-            args.push_back(const_cast<char*>(a.c_str()));
-        for (const std::string& e : env)
-            envp.push_back(const_cast<char*>(e.c_str()));
-        args.push_back(nullptr);
-        envp.push_back(nullptr);
+        for (auto [from, to] : {std::pair{&argv, &args}, {&env, &envp}}) {
+            for (const std::string& a : *from)
+                to->push_back(const_cast<char*>(a.c_str()));
+            to->push_back(nullptr);
+        }
 
         const int rc = argv.empty() ? EINVAL
                                     : ::posix_spawn(&pid_, argv[0].c_str(), &actions, &attr, args.data(), envp.data());
@@ -91,27 +83,26 @@ public:
         posix_spawnattr_destroy(&attr);
         out_.fd = pipes[0][0];
         err_.fd = pipes[1][0];
-        for (int i = 0; i < 2; ++i)
-            closeFd(pipes[i][1]);
         if (rc != 0) {
             pid_ = -1;
             startError_ = "cannot start " + (argv.empty() ? std::string() : argv[0]) + ": " + std::strerror(rc);
-            closeFd(out_.fd);
-            closeFd(err_.fd);
         }
-        for (int fd : {out_.fd, err_.fd})
-            if (fd >= 0)
-                ::fcntl(fd, F_SETFL, ::fcntl(fd, F_GETFL) | O_NONBLOCK);
+        for (int i = 0; i < 2; ++i) {
+            closeFd(pipes[i][1]);
+            Stream& s = i ? err_ : out_;
+            if (rc != 0)
+                closeFd(s.fd);
+            else if (s.fd >= 0)
+                ::fcntl(s.fd, F_SETFL, ::fcntl(s.fd, F_GETFL) | O_NONBLOCK);
+        }
     }
 
     ~ChildProcess()
     {
-        if (pid_ > 0 && !reaped_) {
-            ::kill(pid_, SIGKILL);
-            int status = 0;
+        int status = 0;
+        if (pid_ > 0 && !reaped_ && ::kill(pid_, SIGKILL) == 0)
             while (::waitpid(pid_, &status, 0) < 0 && errno == EINTR) { // SIGKILL ends it
             }
-        }
         closeFd(out_.fd);
         closeFd(err_.fd);
     }
@@ -159,18 +150,13 @@ public:
             }
             if (reaped_) {
                 for (Stream* s : {&out_, &err_}) // a stream a descendant keeps stays open
-                    if (s->fd >= 0)
-                        readAvailable(*s);
+                    readAvailable(*s);
                 return exit_;
             }
             const long long left = remainingMs(deadline);
             if (left <= 0)
                 return std::nullopt;
-            const int step = static_cast<int>(std::min<long long>(left, 10)); // no exit notice to wait on
-            if (out_.fd >= 0 || err_.fd >= 0)
-                pump(step);
-            else
-                ::poll(nullptr, 0, step);
+            pump(std::min<long long>(left, 10)); // no exit notice to wait on
         }
     }
 
@@ -181,10 +167,7 @@ public:
 private:
     using Clock = std::chrono::steady_clock;
 
-    struct Stream {
-        int fd = -1;
-        std::string text;
-    };
+    struct Stream { int fd = -1; std::string text; };
 
     static long long remainingMs(Clock::time_point deadline)
     {
@@ -194,15 +177,14 @@ private:
     static void closeFd(int& fd)
     {
         if (fd >= 0)
-            ::close(fd);
-        fd = -1;
+            ::close(std::exchange(fd, -1));
     }
 
     // Reads what is there; closes the stream at its end or on an error.
     static void readAvailable(Stream& s)
     {
         char buf[4096];
-        for (;;) {
+        while (s.fd >= 0) {
             const ssize_t n = ::read(s.fd, buf, sizeof buf);
             if (n > 0)
                 s.text.append(buf, static_cast<std::size_t>(n));
@@ -221,7 +203,7 @@ private:
         for (Stream* s : {&out_, &err_})
             if (s->fd >= 0)
                 fds[n] = {s->fd, POLLIN, 0}, streams[n++] = s;
-        if (n == 0 || ::poll(fds, n, static_cast<int>(timeoutMs)) <= 0)
+        if (::poll(fds, n, static_cast<int>(timeoutMs)) <= 0) // with no stream open, a plain sleep
             return; // timeout, or EINTR: the callers look at their deadline
         for (nfds_t i = 0; i < n; ++i)
             if (fds[i].revents)

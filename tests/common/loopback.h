@@ -1,5 +1,4 @@
-// Loopback peers for tests of a client: a port of the test's own, a listener
-// whose queue is full, a one-connection scripted server; and a watchdog.
+// Loopback peers for client tests: an own port, a full listener, a scripted server; and a watchdog.
 #ifndef ZEL5_TESTS_LOOPBACK_H
 #define ZEL5_TESTS_LOOPBACK_H
 
@@ -10,6 +9,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
@@ -41,9 +41,7 @@ public:
                   return;
               ADD_FAILURE() << "still waiting for " << what << " after " << ms << " ms";
               rescue();
-          })
-    {
-    }
+          }) {}
 
 private:
     std::jthread thread;
@@ -79,11 +77,7 @@ struct FullListener : LoopbackPort {
             full = ::poll(&p, 1, 300) == 0;
         }
     }
-    ~FullListener()
-    {
-        for (int s : queued)
-            ::close(s);
-    }
+    ~FullListener() { std::for_each(queued.begin(), queued.end(), ::close); }
 };
 
 // Plays a script to one client in its own thread, then holds the connection; cuts it after 5 s.

@@ -1,7 +1,5 @@
-// zel5ctl's commands as a user or a script runs them, without a tray, and
-// the store's lock it holds while it writes the store and time stamp.
+// zel5ctl's commands without a tray, and the lock it holds while writing the store and time stamp.
 #include "ctlrun.h"
-#include "filefinder.h"
 #include "loopback.h"
 #include "messagecollector.h"
 #include "miniclient.h"
@@ -13,13 +11,6 @@
 
 namespace zel5test {
 namespace {
-
-class PathFinder : public FileFinder {
-public:
-    explicit PathFinder(std::string p) : path(std::move(p)) {}
-    std::string findFile(fileType) override { return path; }
-    std::string path;
-};
 
 // The subjects in the store as the tray reads it, oldest first.
 std::string storedSubjects(const std::string& path)
@@ -44,13 +35,11 @@ int lastMessageCheck()
 }
 
 // A message time as zel5ctl shows it (local time, C locale).
-std::string localDate(std::int32_t time)
+std::string localDate(std::time_t t)
 {
-    const std::time_t t = time;
     std::tm local{};
     char buf[64];
-    localtime_r(&t, &local);
-    return std::string(buf, std::strftime(buf, sizeof buf, "%d.%m.%Y %X", &local));
+    return std::string(buf, std::strftime(buf, sizeof buf, "%d.%m.%Y %X", localtime_r(&t, &local)));
 }
 
 using CliTest = CtlTest;
@@ -61,18 +50,12 @@ TEST_F(CliTest, ReportPrintsTheTrafficSubmenusLines)
     const CtlRun r = run({"report"});
     ASSERT_EQ(0, r.code) << r.err;
     EXPECT_EQ("Service: Mail & Web %4\n"
-              "Old Prepaid:\n"
-              "    Traffic Class: Day (1), Size: 512.00 Mb\n"
-              "Prepaid:\n"
-              "    Traffic Class: Day (1), Size: 20480.00 Mb\n"
+              "Old Prepaid:\n    Traffic Class: Day (1), Size: 512.00 Mb\n"
+              "Prepaid:\n    Traffic Class: Day (1), Size: 20480.00 Mb\n"
               "    Traffic Class: Night (\u00fc) (-2), Size: 0.00 Mb\n"
-              "Downloaded:\n"
-              "    Traffic Class: Local (3), Size: 1.50 Mb\n"
-              "Service: TV\n"
-              "Old Prepaid:\n"
-              "Prepaid:\n"
-              "Downloaded:\n"
-              "    Traffic Class: %1 %2 (7), Size: 10.00 Mb\n",
+              "Downloaded:\n    Traffic Class: Local (3), Size: 1.50 Mb\n"
+              "Service: TV\nOld Prepaid:\nPrepaid:\n"
+              "Downloaded:\n    Traffic Class: %1 %2 (7), Size: 10.00 Mb\n",
               r.out);
 }
 
@@ -121,24 +104,20 @@ TEST_F(CliTest, MessagesAreStoredOnceAndOnlyTheTimeStampChangesInTheSettings)
 TEST_F(CliTest, FailuresEndWithTheirCodeAndOneLine)
 {
     const LoopbackPort refusing(-1);
-    const struct {
-        std::function<void(Config<QString>&)> change;
-        int code;
-        const char* says;
-    } cases[] = {
+    const std::tuple<std::function<void(Config<QString>&)>, int, const char*> cases[] = {
         {[](Config<QString>& s) { s.password = "wrong"; }, 4, "login refused"},
         {[&](Config<QString>& s) { s.port = refusing.port; }, 5, "cannot be reached"},
         {[](Config<QString>& s) { s.login.clear(); }, 2, "settings are incomplete"},
     };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.says);
-        ASSERT_NO_FATAL_FAILURE(writeSettings(c.change));
+    for (const auto& [change, code, says] : cases) {
+        SCOPED_TRACE(says);
+        ASSERT_NO_FATAL_FAILURE(writeSettings(change));
         const CtlRun status = run({"status"});
-        EXPECT_TRUE(failedWith(c.code, status));
-        EXPECT_NE(std::string::npos, status.err.find(c.says)) << status.err;
+        EXPECT_TRUE(failedWith(code, status));
+        EXPECT_NE(std::string::npos, status.err.find(says)) << status.err;
         EXPECT_LT(status.took, 12s);
         // Offline the status is still told, with the stored messages counted.
-        EXPECT_EQ(c.code == 2 ? "" : "Offline\nMessages: 0\n", status.out);
+        EXPECT_EQ(code == 2 ? "" : "Offline\nMessages: 0\n", status.out);
     }
 }
 
@@ -169,10 +148,7 @@ TEST_F(CliTest, WaybarOncePrintsOneLineAlsoOffline)
                                                     {"wrong", 4, "offline", "\u2014"}}) {
         SCOPED_TRACE(alt);
         const int checked = lastMessageCheck();
-        ASSERT_NO_FATAL_FAILURE(writeSettings([&](Config<QString>& s) {
-            s.lastMessageCheck = checked;
-            s.password = password;
-        }));
+        ASSERT_NO_FATAL_FAILURE(writeSettings([&](Config<QString>& s) { s.lastMessageCheck = checked, s.password = password; }));
         const CtlRun r = run({"waybar", "--once"});
         EXPECT_EQ(code, r.code) << r.err;
         ASSERT_EQ(1, std::count(r.out.begin(), r.out.end(), '\n')) << r.out;

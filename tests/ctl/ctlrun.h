@@ -1,11 +1,11 @@
-// The built zel5ctl against an in-process billing simulator, with throw-away
-// settings and data folders and a session bus that leads nowhere (no tray).
+// The built zel5ctl against an in-process simulator, throw-away folders and a bus that leads nowhere.
 #ifndef ZEL5_TESTS_CTLRUN_H
 #define ZEL5_TESTS_CTLRUN_H
 
 #include "billingsim.h"
 #include "childprocess.h"
 #include "config.h"
+#include "filefinder.h"
 
 #include <QJsonDocument>
 #include <QString>
@@ -24,6 +24,12 @@ namespace zel5test {
 using namespace std::chrono_literals;
 
 inline const char* const login = "carol";
+
+struct PathFinder : FileFinder {
+    explicit PathFinder(std::string p) : path(std::move(p)) {}
+    std::string findFile(fileType) override { return path; }
+    std::string path;
+};
 
 // JSON written again compactly, so that a difference shows as text.
 inline std::string compact(const std::string& json)
@@ -96,17 +102,13 @@ protected:
 
     CtlRun run(const std::vector<std::string>& args)
     {
-        CtlRun r;
         const auto start = std::chrono::steady_clock::now();
         ChildProcess child(command(args), environment(), ChildProcess::CaptureBoth);
         EXPECT_TRUE(child.started()) << child.startError();
         const auto exit = child.waitExit(runBound);
         EXPECT_TRUE(exit) << "zel5ctl " << (args.empty() ? "" : args[0]) << " to end";
-        r.took = std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() - start);
-        r.code = exit ? exit->code() : -1;
-        r.out = child.takeStdout();
-        r.err = child.stderrText();
-        return r;
+        return {exit ? exit->code() : -1, child.takeStdout(), child.stderrText(),
+                std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() - start)};
     }
 
     QTemporaryDir dir;
@@ -120,8 +122,7 @@ inline ::testing::AssertionResult failedWith(int code, const CtlRun& r)
 {
     if (r.code == code && r.err.rfind("zel5ctl: ", 0) == 0 && r.err.find('\n') == r.err.size() - 1)
         return ::testing::AssertionSuccess();
-    return ::testing::AssertionFailure() << "expected code " << code << " and one line; got " << r.code << " \""
-                                         << r.err << "\"";
+    return ::testing::AssertionFailure() << "code " << r.code << ", \"" << r.err << "\"";
 }
 
 } // namespace zel5test

@@ -1,10 +1,8 @@
-// zel5ctl's parts that decide without a server (command line, failures,
-// status bar line, status text) and the JSON and text forms it shares with
-// the tray (traffic report, messages, message bodies as text).
+// zel5ctl's parts that need no server, and the JSON and text forms it shares with the tray.
 #include "barline.h"
 #include "commandline.h"
+#include "ctlrun.h"
 #include "failure.h"
-#include "filefinder.h"
 #include "htmltext.h"
 #include "messagecollector.h"
 #include "messagesjson.h"
@@ -22,27 +20,25 @@
 
 namespace {
 
+using zel5test::PathFinder;
+
 TEST(CommandLineTest, AcceptsEachCommandWithItsOptionsInAnyOrderAndRefusesMistakesWithTheirReason)
 {
-    struct Valid {
-        QStringList args;
-        CommandLine::Command command;
-        bool json, once, plainText;
-    };
-    const Valid valid[] = {
+    // Arguments, command, --json, --once, text format.
+    const std::tuple<QStringList, CommandLine::Command, bool, bool, bool> valid[] = {
         {{"--json", "report"}, CommandLine::Report, true, false, false},
         {{"waybar", "--once", "--format", "text"}, CommandLine::Waybar, false, true, true},
         {{"waybar", "--format=json"}, CommandLine::Waybar, false, false, false},
         {{"status", "-h"}, CommandLine::Help, false, false, false},
         {{"--version", "--help"}, CommandLine::Help, false, false, false},
     };
-    for (const Valid& c : valid) {
-        SCOPED_TRACE(c.args.join(' ').toStdString());
+    for (const auto& [args, command, json, once, plainText] : valid) {
+        SCOPED_TRACE(args.join(' ').toStdString());
         CommandLine line;
         QString error;
-        ASSERT_TRUE(line.parse(c.args, error)) << error.toStdString();
-        EXPECT_EQ(c.command, line.command);
-        EXPECT_EQ(std::tuple(c.json, c.once, c.plainText), std::tuple(line.json, line.once, line.plainText));
+        ASSERT_TRUE(line.parse(args, error)) << error.toStdString();
+        EXPECT_EQ(command, line.command);
+        EXPECT_EQ(std::tuple(json, once, plainText), std::tuple(line.json, line.once, line.plainText));
     }
 
     const std::pair<QStringList, QString> mistakes[] = {
@@ -64,12 +60,7 @@ TEST(CommandLineTest, AcceptsEachCommandWithItsOptionsInAnyOrderAndRefusesMistak
 
 TEST(FailureTest, ConnectAndCallResultsMapOntoExitCodes)
 {
-    struct Case {
-        int result, error;
-        Failure::Code code;
-        const char* says;
-    };
-    const Case cases[] = {
+    const std::tuple<int, int, Failure::Code, const char*> cases[] = {
         {MiniClient::rcOk, 0, Failure::Ok, ""},
         {MiniClient::rcIncompleteSettings, 0, Failure::IncompleteSettings, "settings are incomplete"},
         {MiniClient::rcBadAddress, -2, Failure::BadAddress, "cannot resolve the server address \"b.example\""},
@@ -77,11 +68,11 @@ TEST(FailureTest, ConnectAndCallResultsMapOntoExitCodes)
         {MiniClient::rcSessionFailed, EBADMSG, Failure::Failed, "b.example:11758 is not a billing server"},
         {MiniClient::rcSessionFailed, ECONNREFUSED, Failure::Unreachable, "cannot be reached: connection refused"},
     };
-    for (const Case& c : cases) {
-        SCOPED_TRACE(std::to_string(c.result) + "/" + std::to_string(c.error));
-        const Failure f = Failure::fromConnect(c.result, c.error, "b.example", 11758);
-        EXPECT_EQ(c.code, f.code);
-        EXPECT_TRUE(f.message.contains(QLatin1String(c.says))) << f.message.toStdString();
+    for (const auto& [result, error, code, says] : cases) {
+        SCOPED_TRACE(std::to_string(result) + "/" + std::to_string(error));
+        const Failure f = Failure::fromConnect(result, error, "b.example", 11758);
+        EXPECT_EQ(code, f.code);
+        EXPECT_TRUE(f.message.contains(QLatin1String(says))) << f.message.toStdString();
         EXPECT_FALSE(f.message.contains('\n'));
     }
     // A call that failed at its bound got no answer; one that failed sooner broke the exchange.
@@ -92,15 +83,12 @@ TEST(FailureTest, ConnectAndCallResultsMapOntoExitCodes)
 
 AccountState online(double balance, bool internet, bool fresh = false, int newCount = 0)
 {
-    AccountState s;
-    s.online = true, s.internetOn = internet, s.balance = balance, s.newMessages = fresh, s.newCount = newCount;
-    return s;
+    return {.online = true, .internetOn = internet, .balance = balance, .newMessages = fresh, .newCount = newCount};
 }
 
 TEST(BarLineTest, ClassesTextAndTooltipFollowTheStateTheLowBalanceLevelAndNewMessages)
 {
-    AccountState offline;
-    offline.newMessages = true;
+    const AccountState offline{.newMessages = true};
     const struct {
         AccountState state;
         bool lowOn;
@@ -135,10 +123,7 @@ TEST(BarLineTest, ClassesTextAndTooltipFollowTheStateTheLowBalanceLevelAndNewMes
 // Offline the status has no balance, whatever was left from before the session was lost.
 TEST(OutputTest, OfflineStatusHasNoBalance)
 {
-    AccountState s;
-    s.internetOn = true;
-    s.balance = 12;
-    s.storedMessages = 3;
+    const AccountState s{.internetOn = true, .balance = 12, .storedMessages = 3};
     EXPECT_EQ("Offline\nMessages: 3\n", Output::statusText(s).toStdString());
     const QJsonObject json = Output::statusJson(s);
     EXPECT_EQ(QJsonValue(false), json.value("internet"));
@@ -154,8 +139,7 @@ TEST(ReportFormatTest, JsonKeepsExactSizesAndJsonThatIsNoReportKeepsTheOldOne)
     int divisor = 0;
     QString error;
     ASSERT_TRUE(reportFromJson(json, back, divisor, error)) << error.toStdString();
-    EXPECT_EQ(1000, divisor);
-    ASSERT_EQ(2u, back.size());
+    ASSERT_TRUE(divisor == 1000 && back.size() == 2u);
     EXPECT_EQ(1, back.front().prepaid.at(0).size);
     EXPECT_EQ(21474836480LL, back.front().prepaid.at(1).size);
 
@@ -170,17 +154,9 @@ TEST(ReportFormatTest, JsonKeepsExactSizesAndJsonThatIsNoReportKeepsTheOldOne)
         divisor = 7;
         EXPECT_FALSE(reportFromJson(QJsonDocument::fromJson(text).object(), back, divisor, error));
         EXPECT_TRUE(error.startsWith(QLatin1String(reason))) << error.toStdString();
-        EXPECT_EQ(7, divisor);
-        EXPECT_EQ(2u, back.size());
+        EXPECT_TRUE(divisor == 7 && back.size() == 2u) << "the old report kept";
     }
 }
-
-class PathFinder : public FileFinder {
-public:
-    explicit PathFinder(std::string p) : path(std::move(p)) {}
-    std::string findFile(fileType) override { return path; }
-    std::string path;
-};
 
 TEST(MessagesJsonTest, ListsTheStoreOldestFirst)
 {

@@ -1,26 +1,17 @@
-// Protocol library test helpers: wire images written in hexadecimal, a local
-// socket pair with a stream on it, and bounded waits.
+// Protocol library test helpers: wire images in hexadecimal, a local socket pair, bounded waits.
 #ifndef ZEL5_TESTS_RPCTEST_H
 #define ZEL5_TESTS_RPCTEST_H
 
-#include "loopback.h"
+#include "loopback.h" // sockets, threads and gtest
 #include "rpc2stream.h"
 #include "rpcctx.h"
 
-#include <gtest/gtest.h>
 #include <openssl/ssl.h>
-#include <sys/socket.h>
-#include <unistd.h>
 
-#include <atomic>
-#include <chrono>
 #include <iomanip>
 #include <memory>
 #include <sstream>
-#include <string>
-#include <thread>
 #include <utility>
-#include <vector>
 
 namespace zel5test {
 
@@ -77,9 +68,8 @@ inline long long msSince(Clock::time_point t0)
 inline ::testing::AssertionResult endedAtBound(Clock::time_point t0, long long boundMs)
 {
     const long long ms = msSince(t0);
-    if (ms < boundMs || ms >= 2000)
-        return ::testing::AssertionFailure() << "ended after " << ms << " ms, bound " << boundMs << " ms";
-    return ::testing::AssertionSuccess();
+    return ms >= boundMs && ms < 2000 ? ::testing::AssertionSuccess()
+                                      : ::testing::AssertionFailure() << "ended after " << ms << " ms, bound " << boundMs;
 }
 
 // Sets flag afterMs from now, from its own thread.
@@ -91,17 +81,14 @@ public:
                   return;
               setAt.store(Clock::now().time_since_epoch().count());
               flag.store(true, std::memory_order_release);
-          })
-    {
-    }
+          }) {}
     // Within a poll round, and room for a loaded machine, of the flag being set.
     ::testing::AssertionResult endedSoonAfterSet() const
     {
         const auto at = setAt.load();
         const long long ms = at ? msSince(Clock::time_point(Clock::duration(at))) : -1;
-        if (ms < 0 || ms > 200)
-            return ::testing::AssertionFailure() << "ended " << ms << " ms after the flag was set (-1: before)";
-        return ::testing::AssertionSuccess();
+        return ms >= 0 && ms <= 200 ? ::testing::AssertionSuccess()
+                                    : ::testing::AssertionFailure() << "ended " << ms << " ms after the flag (-1: before)";
     }
 
 private:
@@ -158,9 +145,8 @@ inline Bytes blob(ZEL::RPC2Stream& s, int expected = 0)
     int len = 0;
     const int r = s.data_get_new(data, len);
     EXPECT_EQ(r, expected);
-    Bytes out(data, data + (data && r == 0 ? len : 0));
-    delete[] data;
-    return out;
+    const std::unique_ptr<char[]> owned(data);
+    return Bytes(data, data + (data && r == 0 ? len : 0));
 }
 
 inline SSL_CTX* serverCtx()

@@ -1,5 +1,4 @@
-// Packet building, serialisation, parsing and the read cursor, checked
-// against wire images written out byte for byte.
+// Packet building, serialisation, parsing and the read cursor, against wire images byte for byte.
 #include "rpc2packet.h"
 #include "rpctest.h"
 
@@ -40,7 +39,6 @@ std::string raw(RPC2Packet& p, int expected = 0)
     return expected == 0 ? std::string(buf, static_cast<std::size_t>(len)) : std::string();
 }
 
-
 } // namespace
 
 TEST(PacketDump, PacketsMatchTheirWireImage)
@@ -61,8 +59,7 @@ TEST(PacketDump, PacketsMatchTheirWireImage)
     EXPECT_EQ(dumped(login), concat({hexBytes("C1 23 00 39 02 00 00 05 75 08 00 00 14"), challenge,
                                      hexBytes("09 00 00 14"), digest, hexBytes("0A 00 00 08 00 00 00 02")}));
 
-    // A buffer too small is left untouched. Without a code the header is not
-    // written, yet the result still counts it.
+    // A short buffer stays untouched. Without a code no header is written, yet the result counts it.
     RPC2Packet headless;
     ASSERT_EQ(headless.put(ra_call, 5), 0);
     Bytes buf(12, 0x5A);
@@ -126,9 +123,7 @@ TEST(PacketValues, TheCursorFollowsAGrowingPacket)
 
 TEST(PacketParse, ReadsWhatArrivedKeepsTheFirstOfRepeatedControlsAndClears)
 {
-    // Unknown version and non-zero reserved bytes are not the parser's
-    // concern; of two keys the first stays; bytes past the announced size
-    // belong to nobody.
+    // Version and reserved bytes are ignored; of two keys the first stays; bytes past the size are no one's.
     const Bytes wire = hexBytes("C2 11 00 21  0A 7F 00 08 FF FF FF BB  05 01 00 06 68 69  06 00 00 04"
                                 "05 00 00 06 00 01  06 00 00 05 AA  05 00 00 08");
     RPC2Packet p;
@@ -154,8 +149,7 @@ TEST(PacketParse, RefusesSizesThatDoNotFit)
     EXPECT_EQ(parse(p, Bytes(full.begin(), full.end() - 1)), ec_badmsg);
     EXPECT_EQ(parse(p, full), 12);
 
-    // Attribute sizes below the attribute header, or beyond the packet, stop
-    // parsing there; what came before stays.
+    // Attribute sizes below its header or beyond the packet stop parsing there; what came before stays.
     for (int declared : {0, 3, 9}) {
         SCOPED_TRACE(declared);
         const Bytes bad{ra_data, 0, 0, static_cast<unsigned char>(declared), 1, 2, 3, 4};

@@ -1,6 +1,4 @@
-// The client session against the billing simulator, or a scripted server
-// where the simulator cannot misbehave precisely enough: logins, refusals,
-// broken greetings, calls, cut replies, stalls and hanging connects.
+// The client session against the simulator or a scripted server: logins, refusals, calls, stalls, hanging connects.
 #include "billingsim.h"
 #include "rpcclient.h"
 #include "rpctest.h"
@@ -15,8 +13,6 @@ using namespace zel5test;
 using zel5sim::Fault;
 
 namespace {
-
-bool nonBlocking(int fd) { return (::fcntl(fd, F_GETFL) & O_NONBLOCK) != 0; }
 
 class SessionTest : public ::testing::Test {
 protected:
@@ -58,16 +54,12 @@ TEST_F(SessionTest, LoginPlainOrProtectedBoundedOrNotThenCallsAndClose)
         for (int ssl : {0, 1, 2}) {
             SCOPED_TRACE(std::string(bounded ? "bounded" : "unbounded") + ", ssl " + std::to_string(ssl));
             auto c = client(0, ssl);
-            if (bounded) {
-                c->set_connect_timeout(2000);
-                c->set_timeout(2000);
-                c->set_call_timeout(2000);
-                c->set_cancel(&never);
-            }
+            if (bounded)
+                c->set_connect_timeout(2000), c->set_timeout(2000), c->set_call_timeout(2000), c->set_cancel(&never);
             ASSERT_EQ(0, c->open_session(0));
             EXPECT_EQ(0, c->last_error());
             EXPECT_EQ(ssl, c->rpcstream().channel());
-            EXPECT_EQ(bounded, nonBlocking(c->rpcstream().sock()));
+            EXPECT_EQ(bounded, (::fcntl(c->rpcstream().sock(), F_GETFL) & O_NONBLOCK) != 0) << "non-blocking";
             EXPECT_EQ(sim->issuedKeys().back(), keyText(c->get_skey().key));
             // Several calls in one session; an unknown function ends the call, not the session.
             EXPECT_EQ("5.1.9", version(*c));
@@ -89,7 +81,6 @@ TEST_F(SessionTest, RefusedLoginsAndBrokenGreetings)
     auto wrongPassword = client(0, 0, "wrong");
     EXPECT_EQ(ec_access, wrongPassword->open_session(0));
     EXPECT_EQ(0, wrongPassword->connected());
-
     sim->addFault({Fault::Stage::Greeting, Fault::Kind::WrongVersion, 0, 0, 0x24});
     auto wrongVersion = client();
     EXPECT_EQ(ec_badmsg, wrongVersion->open_session(0));
@@ -103,11 +94,10 @@ TEST_F(SessionTest, RefusedLoginsAndBrokenGreetings)
     noKey.reset();
     EXPECT_TRUE(sim->waitFor([&] { return sim->lastTermination() == rtc_drop; }));
 
-    // A short challenge is not used: the key serves as the challenge, which
-    // follows the header and the user name in the request.
+    // A short challenge is not used: the key serves, after the header and the user name in the request.
     sim->addFault({Fault::Stage::Greeting, Fault::Kind::ShortChallenge});
     EXPECT_EQ(0, client()->open_session(0));
-    const std::vector<unsigned char> req = sim->lastLoginRequest();
+    const Bytes req = sim->lastLoginRequest();
     ASSERT_GE(req.size(), 4u + 8u + 20u);
     EXPECT_EQ(sim->issuedKeys().back(), keyText(&req[4 + 8 + 4]));
 
@@ -173,14 +163,13 @@ TEST_F(SessionTest, StalledCallEndsAtTheCallBoundAndTheDropDoesNotWait)
     EXPECT_EQ(ec_badmsg, c->end_call());
 
     // Fill the socket until it takes not even a few bytes after a quiet 100 ms: no goodbye goes out.
-    const int fd = c->rpcstream().sock();
-    const int small = 16384;
+    const int fd = c->rpcstream().sock(), small = 16384;
     ::setsockopt(fd, SOL_SOCKET, SO_SNDBUF, &small, sizeof small);
     const std::vector<char> junk(65536, 'x');
     bool full = false;
     for (int i = 0; i < 50 && !full; ++i) {
-        for (int n = 0; n < 1000 && ::send(fd, junk.data(), junk.size(), MSG_DONTWAIT | MSG_NOSIGNAL) > 0; ++n) {
-        }
+        for (int n = 0; n < 1000 && ::send(fd, junk.data(), junk.size(), MSG_DONTWAIT | MSG_NOSIGNAL) > 0; ++n)
+            ;
         pollfd p{fd, POLLOUT, 0};
         full = ::poll(&p, 1, 100) == 0 && ::send(fd, junk.data(), 16, MSG_DONTWAIT | MSG_NOSIGNAL) < 0;
     }
@@ -202,8 +191,7 @@ TEST_F(SessionTest, ConnectsThatHangOrAreRefused)
     const auto t0 = Clock::now();
     EXPECT_EQ(ec_inval, bounded->connect());
     EXPECT_TRUE(endedAtBound(t0, 200));
-    EXPECT_EQ(ec_timedout, bounded->last_error());
-    EXPECT_EQ(0, bounded->connected());
+    EXPECT_TRUE(bounded->last_error() == ec_timedout && !bounded->connected()) << bounded->last_error();
 
     std::atomic<bool> flag{false};
     auto cancelled = client(full.port);
@@ -218,8 +206,7 @@ TEST_F(SessionTest, ConnectsThatHangOrAreRefused)
     auto c = client(refusing.port);
     c->set_connect_timeout(1000);
     EXPECT_EQ(ec_inval, c->open_session(0));
-    EXPECT_EQ(ECONNREFUSED, c->last_error());
-    EXPECT_EQ(0, c->connected());
+    EXPECT_TRUE(c->last_error() == ECONNREFUSED && !c->connected()) << c->last_error();
     ASSERT_EQ(0, c->addr("127.0.0.1", static_cast<short>(sim->port())));
     EXPECT_EQ(0, c->open_session(0));
     EXPECT_EQ(0, c->last_error());

@@ -37,10 +37,9 @@ inline std::string version(ZEL::RPCClient& c)
     int len = 0;
     EXPECT_EQ(0, c._call(-69));
     EXPECT_EQ(0, c.rpcstream().data_get_new(data, len));
-    const std::string v = data ? std::string(data, static_cast<std::size_t>(len)) : std::string();
-    delete[] data;
+    const std::unique_ptr<char[]> owned(data);
     EXPECT_EQ(0, c.end_call());
-    return v;
+    return data ? std::string(data, static_cast<std::size_t>(len)) : std::string();
 }
 
 } // namespace simtest

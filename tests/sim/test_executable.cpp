@@ -1,5 +1,4 @@
-// The executable: the line that tells the port, serving until SIGTERM, and
-// the exit codes of --help, a bad command line and failed starts.
+// The simulator program: its port line, serving until SIGTERM, and its exit codes.
 #include "childprocess.h"
 #include "simoptions.h"
 #include "simtestclient.h"
@@ -15,42 +14,31 @@ namespace {
 // Far above a start or a stop, also sanitized on a loaded machine; only a hang reaches it.
 constexpr auto bound = 20s;
 
-std::vector<std::string> command(const std::vector<std::string>& args)
-{
-    std::vector<std::string> argv{SIM_EXECUTABLE};
-    argv.insert(argv.end(), args.begin(), args.end());
-    return argv;
-}
-
 struct Outcome {
     int code = -1; // -1: not started, not ended in time, or a signal
     std::string out, err;
 };
 
-Outcome run(const std::vector<std::string>& args)
+Outcome run(std::vector<std::string> args)
 {
-    Outcome r;
-    ChildProcess sim(command(args), {}, ChildProcess::CaptureBoth);
+    args.insert(args.begin(), SIM_EXECUTABLE);
+    ChildProcess sim(args, {}, ChildProcess::CaptureBoth);
     EXPECT_TRUE(sim.started()) << sim.startError();
     const auto exit = sim.waitExit(bound);
-    EXPECT_TRUE(exit) << "the simulator " << args[0] << " to end";
-    r.out = sim.takeStdout();
-    r.err = sim.stderrText();
-    if (exit)
-        r.code = exit->code();
-    return r;
+    EXPECT_TRUE(exit) << "the simulator " << args[1] << " to end";
+    return {exit ? exit->code() : -1, sim.takeStdout(), sim.stderrText()};
 }
 
 TEST(ExecutableTest, TellsItsPortAndServesUntilTerminated)
 {
-    ChildProcess sim(command({"--listen=127.0.0.1:0", "--server-version", "9.9"}));
+    ChildProcess sim({SIM_EXECUTABLE, "--listen=127.0.0.1:0", "--server-version", "9.9"});
     ASSERT_TRUE(sim.started()) << sim.startError();
     std::string line;
     ASSERT_EQ(ChildProcess::Read::Line, sim.readLine(line, bound)) << "the line that tells the port";
     ASSERT_EQ(0u, line.find("listening on 127.0.0.1:")) << line;
     const int port = std::stoi(line.substr(line.rfind(':') + 1));
     ASSERT_GT(port, 0) << line;
-    auto c = simtest::login(static_cast<std::uint16_t>(port));
+    const auto c = simtest::login(static_cast<std::uint16_t>(port)); // still connected at the stop
     EXPECT_EQ("9.9", simtest::version(*c));
 
     // A second one on the same port cannot listen.

@@ -1,5 +1,4 @@
-// The simulator's server: misbehaving clients end only their own connection,
-// clients that owe input or exceed the limit are dropped, stop() ends all at once.
+// The simulator's server: bad, idle-owing and surplus clients are dropped alone; stop() ends all at once.
 #include "simtestclient.h"
 
 #include <netinet/in.h>
@@ -24,8 +23,7 @@ int rawConnect(std::uint16_t port)
     return ::connect(fd, reinterpret_cast<sockaddr*>(&sin), sizeof sin) == 0 ? fd : (::close(fd), -1);
 }
 
-// Sends raw bytes on a new connection: the start of what the server sent
-// until it closed the connection, or "open" when it did not close it within 5 s.
+// Raw bytes on a new connection: the start of the answer once closed, or "open" if not closed within 5 s.
 std::string answerTo(std::uint16_t port, const std::string& sent, bool halfClose = false)
 {
     const int fd = rawConnect(port);
@@ -46,8 +44,7 @@ TEST(ServerTest, MisbehavingClientsEndOnlyTheirOwnConnection)
 {
     auto sim = startSim();
     auto good = login(sim->port());
-    std::string oversized = "\xc1\x23\xff\xff\x05\x00\xff\xfb"s;
-    oversized.resize(65535, 'x');
+    const std::string oversized = "\xc1\x23\xff\xff\x05\x00\xff\xfb"s + std::string(65535 - 8, 'x');
     for (const std::string& c : {"GET / HTTP/1.0\r\n\r\n"s, oversized,
                                  "\xc1\x23\x00\x0c\x02\x00\x01\x00" "demo"s,           // attribute overruns
                                  "\xc1\x23\x00\x0c\x0a\x00\x00\x08\0\0\0\0"s,          // login without name
