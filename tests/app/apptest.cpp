@@ -32,14 +32,9 @@ void AppTest::writeSettings(const std::function<void(Config<QString>&)>& edit)
 std::function<int(QDialog&)> settingsAnswer(const QString& login, const QString& password, bool accept, bool save)
 {
     return [=](QDialog& dialog) {
-        auto* txtLogin = dialog.findChild<QLineEdit*>(QStringLiteral("txtLogin"));
-        auto* txtPassword = dialog.findChild<QLineEdit*>(QStringLiteral("txtPassword"));
-        auto* cbSave = dialog.findChild<QCheckBox*>(QStringLiteral("cbSaveSettings"));
-        if (!txtLogin || !txtPassword || !cbSave)
-            return ADD_FAILURE() << "the settings dialog's fields", int(QDialog::Rejected);
-        txtLogin->setText(login);
-        txtPassword->setText(password);
-        cbSave->setChecked(save);
+        dialog.findChild<QLineEdit*>(QStringLiteral("txtLogin"))->setText(login);
+        dialog.findChild<QLineEdit*>(QStringLiteral("txtPassword"))->setText(password);
+        dialog.findChild<QCheckBox*>(QStringLiteral("cbSaveSettings"))->setChecked(save);
         return int(accept ? QDialog::Accepted : QDialog::Rejected);
     };
 }
@@ -62,13 +57,11 @@ int runAppTests(int argc, char** argv)
 {
     if (qEnvironmentVariableIsEmpty("QT_QPA_PLATFORM"))
         qputenv("QT_QPA_PLATFORM", "offscreen");
-    // The offscreen platform has no system tray; Qt says so on every icon.
     QLoggingCategory::setFilterRules(QStringLiteral("qt.core.qobject.connect.warning=false"));
     QApplication app(argc, argv);
     QApplication::setQuitOnLastWindowClosed(false);
 #if defined(__SANITIZE_THREAD__)
-    // The sanitizer's first suppression reads debug information: done here,
-    // not while a test measures how promptly the interface runs.
+    // The sanitizer's first suppression reads debug information: here, not while a test times the interface.
     QDBusConnection::sessionBus();
 #endif
     ::testing::InitGoogleTest(&argc, argv);

@@ -12,7 +12,6 @@
 
 #include <QCoreApplication>
 #include <QDialog>
-#include <QFile>
 #include <QTemporaryDir>
 #include <QTest>
 
@@ -76,11 +75,6 @@ protected:
 
     // The settings file: the simulator and the subscriber "anna", then `edit`.
     void writeSettings(const std::function<void(Config<QString>&)>& edit = {});
-    QString settingsFile() const
-    {
-        QFile file(dir.filePath(QStringLiteral("config/zel5_trayrc")));
-        return file.open(QIODevice::ReadOnly) ? QString::fromUtf8(file.readAll()) : QString();
-    }
     void startApp()
     {
         if (!app)
@@ -108,6 +102,7 @@ protected:
     std::unique_ptr<TestApp> app;
 };
 
+inline QString offline(const QString& reason) { return reason + QStringLiteral("\nClick to try again"); }
 inline Config<QString> savedSettings() { Config<QString> saved; EXPECT_TRUE(saved._load()); return saved; }
 
 // Answers the settings dialog with these credentials and "Save settings".

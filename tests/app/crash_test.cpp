@@ -30,17 +30,8 @@ namespace {
 using Message = std::tuple<std::string, std::string, std::string>;
 using Counts = std::map<Message, int>;
 
-// The date the tray shows for a message time: local time in the environment's locale.
-std::string localDate(std::int32_t time)
-{
-    const std::time_t t = time;
-    std::tm local{};
-    char buf[256];
-    return localtime_r(&t, &local) ? std::string(buf, std::strftime(buf, sizeof buf, "%d.%m.%Y %X", &local)) : "";
-}
-
-// The store file: records of subject, text and date, each a 4-byte little-endian length and the
-// bytes. No file is an empty store; a record cut short is an error: the tray replaces the file whole.
+// The store: records of subject, text and date, each a 4-byte little-endian length and the bytes.
+// No file is an empty store; a record cut short is an error, as the tray replaces the file whole.
 bool readStore(const std::string& path, Counts& out)
 {
     std::ifstream in(path, std::ios::binary);
@@ -49,8 +40,8 @@ bool readStore(const std::string& path, Counts& out)
         if (!in.read(reinterpret_cast<char*>(n), 4))
             return false;
         const std::uint32_t size = n[0] | n[1] << 8 | n[2] << 16 | std::uint32_t(n[3]) << 24;
-        if (size > 16 * 1024 * 1024)
-            return false; // no message of this test comes near
+        if (size > 16 * 1024 * 1024) // no message of this test comes near
+            return false;
         s.resize(size);
         return size == 0 || static_cast<bool>(in.read(s.data(), size));
     };
@@ -98,7 +89,6 @@ TEST(CrashTest, KilledAtAnyMomentTheStoreEndsWithEveryMessageOnce)
     // A runtime folder of its own: a tray running elsewhere must not send these starts away.
     const std::string runtimeDir = dir.filePath(QStringLiteral("runtime")).toStdString();
     ASSERT_EQ(0, ::mkdir(runtimeDir.c_str(), 0700));
-    // For the settings written here; before any simulator thread runs.
     ::setenv("XDG_CONFIG_HOME", configHome.c_str(), 1);
     ::setenv("XDG_DATA_HOME", dataHome.c_str(), 1);
     const std::vector<std::string> env{"QT_QPA_PLATFORM=offscreen", "XDG_CONFIG_HOME=" + configHome,
@@ -114,15 +104,13 @@ TEST(CrashTest, KilledAtAnyMomentTheStoreEndsWithEveryMessageOnce)
     int killedAfterSave = 0;
     for (int run = 1; run <= runs; ++run) {
         SCOPED_TRACE("run " + std::to_string(run));
-        const int delayMs = killAfter(random);
         const auto before = fileId(store);
         ChildProcess tray({ZEL5_TRAY_EXECUTABLE}, env, ChildProcess::CaptureStderr);
         ASSERT_TRUE(tray.started()) << tray.startError();
-        const auto early = tray.waitExit(std::chrono::milliseconds(delayMs)); // the moment of the kill
+        const auto early = tray.waitExit(std::chrono::milliseconds(killAfter(random))); // the moment of the kill
         ASSERT_FALSE(early) << "the tray ended on its own: " << early->describe() << "\n" << tray.stderrText();
         ASSERT_TRUE(tray.signal(SIGKILL));
-        const auto killed = tray.waitExit(5s);
-        ASSERT_TRUE(killed) << "the tray's end after SIGKILL";
+        ASSERT_TRUE(tray.waitExit(5s)) << "the tray's end after SIGKILL";
         const auto after = fileId(store);
         killedAfterSave += after.first != before.first && after.second > 0;
     }
@@ -141,8 +129,12 @@ TEST(CrashTest, KilledAtAnyMomentTheStoreEndsWithEveryMessageOnce)
     ASSERT_EQ(0, quiet.start());
     ASSERT_NO_FATAL_FAILURE(pointSettingsAt(quiet.port(), false));
     Counts server, stored;
-    for (const zel5sim::Message& m : account.messages)
-        ++server[{m.subject, m.body, localDate(m.time)}];
+    for (const zel5sim::Message& m : account.messages) { // dated as the tray does: local time and locale
+        const std::time_t t = m.time;
+        std::tm local{};
+        char date[256];
+        ++server[{m.subject, m.body, std::string(date, std::strftime(date, sizeof date, "%d.%m.%Y %X", localtime_r(&t, &local)))}];
+    }
     const auto holdsAll = [&] {
         return std::all_of(server.begin(), server.end(),
                            [&](const auto& s) { return stored.count(s.first) && stored.at(s.first) >= s.second; });
@@ -163,8 +155,6 @@ TEST(CrashTest, KilledAtAnyMomentTheStoreEndsWithEveryMessageOnce)
     const auto exit = tray.waitExit(2s);
     ASSERT_TRUE(exit) << "the tray's end after SIGTERM";
     EXPECT_EQ(0, exit->code()) << exit->describe() << "\n" << tray.stderrText();
-
-    // The store as the clean exit left it, against the server.
     ASSERT_TRUE(readStore(store, stored)) << "the store ends in a damaged record";
     EXPECT_EQ(server, stored) << "each message stored once";
     EXPECT_GT(killedAfterSave, 0) << "no kill came after a save of the store: the test proved nothing";

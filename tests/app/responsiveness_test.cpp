@@ -20,11 +20,7 @@ using Kind = zel5sim::Fault::Kind;
 using Stage = zel5sim::Fault::Stage;
 
 // The store as another run of the program would find it on disk.
-std::size_t storedCount()
-{
-    FileFinderQT finder;
-    return MessageCollector(&finder).count();
-}
+std::size_t storedCount() { FileFinderQT finder; return MessageCollector(&finder).count(); }
 
 // ThreadSanitizer's own work runs on the interface thread too: there only a
 // blocking wait, seconds long, would show.
@@ -40,28 +36,37 @@ using ResponsivenessTest = AppTest;
 
 TEST_F(ResponsivenessTest, EveryFaultEndsTheSessionInItsBoundWhileTheInterfaceRunsOn)
 {
-    // Each kind at each way in: the login, a tick's calls, the menu's report, the switch.
-    const zel5sim::Fault cases[] = {{.stage = Stage::Greeting, .kind = Kind::Stall},
-                                    {.stage = Stage::Greeting, .kind = Kind::Garbage, .bytes = 16},
-                                    {.stage = Stage::LoginAnswer, .kind = Kind::CutAfter, .bytes = 10},
-                                    {.kind = Kind::Stall, .function = MiniClient::fnInternetStatus},
-                                    {.kind = Kind::CutAfter, .function = MiniClient::fnMessages, .bytes = 10},
-                                    {.kind = Kind::Stall, .function = MiniClient::fnPrepaid},
-                                    {.kind = Kind::Stall, .function = MiniClient::fnChangeInternetStatus}};
+    // Each kind at each way in: the login, a tick's calls, the menu's report, the switch; and
+    // the offline tooltip's reason. The last two rows are no fault of the server's.
+    const QString unreachable = QStringLiteral("Server not reachable: 127.0.0.1:%1").arg(sim->port());
+    const QString notBilling = QStringLiteral("Not a billing server at 127.0.0.1:%1").arg(sim->port());
+    const struct { zel5sim::Fault fault; QString reason; std::function<void(Config<QString>&)> settings = {}; } cases[] = {
+        {{.stage = Stage::Greeting, .kind = Kind::Stall}, unreachable},
+        {{.stage = Stage::Greeting, .kind = Kind::Garbage, .bytes = 16}, notBilling},
+        {{.stage = Stage::LoginAnswer, .kind = Kind::CutAfter, .bytes = 10}, notBilling},
+        {{.kind = Kind::Stall, .function = MiniClient::fnInternetStatus}, unreachable},
+        {{.kind = Kind::CutAfter, .function = MiniClient::fnMessages, .bytes = 10}, unreachable},
+        {{.kind = Kind::Stall, .function = MiniClient::fnPrepaid}, unreachable},
+        {{.kind = Kind::Stall, .function = MiniClient::fnChangeInternetStatus}, unreachable},
+        {{.stage = Stage::Greeting}, QStringLiteral("Login refused: check the login and password in the settings"),
+         [](Config<QString>& c) { c.password = QStringLiteral("wrong"); }},
+        {{.stage = Stage::Greeting}, QStringLiteral("Settings incomplete"), [](Config<QString>& c) { c.login.clear(); }},
+    };
     const auto timedMenu = [this] {
         QElapsedTimer clock;
         clock.start();
         openMenu();
         return clock.elapsed();
     };
-    writeSettings();
-    for (zel5sim::Fault fault : cases) {
-        const auto& c = fault;
-        SCOPED_TRACE(testing::Message() << "stage " << int(c.stage) << ", kind " << int(c.kind) << ", call " << c.function);
+    for (const auto& row : cases) {
+        SCOPED_TRACE(testing::Message() << "row " << &row - cases + 1);
+        const auto& [c, reason, settings] = row;
+        zel5sim::Fault fault = c;
         fault.times = -1;
         sim->clearFaults();
         app.reset();
-        if (c.stage != Stage::Call)
+        writeSettings(settings);
+        if (c.stage != Stage::Call && c.kind != Kind::None)
             sim->addFault(fault);
         // How late a 10 ms timer on the interface thread fires, worst case.
         qint64 worstLateness = 0;
@@ -74,8 +79,10 @@ TEST_F(ResponsivenessTest, EveryFaultEndsTheSessionInItsBoundWhileTheInterfaceRu
         clock.start();
         app = std::make_unique<TestApp>();
         app->timeoutMs = 400;
-        startApp();
-        if (c.stage == Stage::Call) {
+        startApp(); // an incomplete file asks first; cancelled, it goes on with what it has
+        if (c.stage != Stage::Call) {
+            EXPECT_EQ(offline(QStringLiteral("Connecting…")), tooltip());
+        } else {
             ASSERT_TRUE(waitOnline()) << "the first session";
             sim->addFault(fault);
             if (c.function == MiniClient::fnChangeInternetStatus) {
@@ -94,6 +101,7 @@ TEST_F(ResponsivenessTest, EveryFaultEndsTheSessionInItsBoundWhileTheInterfaceRu
         EXPECT_LT(clock.elapsed(), 3000);
         EXPECT_FALSE(app->connected());
         EXPECT_EQ(ZEL5Icon::OfflinePixmap, icon()->currentPixmap);
+        EXPECT_EQ(offline(reason), tooltip());
         EXPECT_LT(worstLateness, interfaceBoundMs) << "timer lateness";
     }
 }

@@ -24,23 +24,13 @@
 
 namespace {
 
-// A complete settings file; 8c9a9c8d9a8b is the stored form of the password "secret".
-const QByteArray goodConfig = "[network]\naddress=b.net\nlogin=ivan\npassword=8c9a9c8d9a8b\nport=11759\n"
-                              "web_server_address=w.net:8443\n[other]\nrefresh_rate=300\n"
-                              "switch_internet_on_start=1\nswitch_internet_on_exit=0\nstart_on_login=1\n"
-                              "[messages]\nlast_message_check=1000\n";
-
 QByteArray field(const QByteArray& s)
 {
     const quint32 n = qToLittleEndian(quint32(s.size()));
     return QByteArray(reinterpret_cast<const char*>(&n), 4) + s;
 }
-
 // One message as the store's file keeps it: subject, text, date.
-QByteArray record(const QByteArray& subject, const QByteArray& text = "text")
-{
-    return field(subject) + field(text) + field("01.02.2007 10:00:00");
-}
+QByteArray record(const QByteArray& subject, const QByteArray& text = "text") { return field(subject) + field(text) + field("01.02.2007 10:00:00"); }
 
 QByteArray readFile(const QString& path)
 {
@@ -85,11 +75,32 @@ protected:
     FileFinderQT finder;
 };
 
-} // namespace
-
-TEST_F(StorageTest, ConfigLoadTakesTheValuesInTurnUntilTheFirstMissingOrInvalidOne)
+TEST_F(StorageTest, ConfigRoundTripsSavesOnlyTheMessageTimeWhenAskedAndLoadsUntilTheFirstBadValue)
 {
-    // The good file with one piece replaced: loaded or not; address, web address, password, port, refresh, message time.
+    Config<QString> out, in;
+    out.address = "10.0.0.1", out.webServerAddress = "stats.example.net, 2nd floor", out.port = 4000;
+    out.login = QString::fromUtf8("иван_petrov"), out.password = QString::fromUtf8("пароль € \"x\" ;#=");
+    out.lastMessageCheck = 1234567890, out.switchInternetOnExit = true, out.refreshRate = 600;
+    ASSERT_TRUE(out._save(true)); // the configuration folder does not exist yet
+    EXPECT_EQ(mode(config), 0600);
+    ASSERT_TRUE(in._load());
+    EXPECT_EQ(QStringList({in.address, in.webServerAddress, in.login, in.password}),
+              QStringList({out.address, out.webServerAddress, out.login, out.password}));
+    EXPECT_TRUE(in.port == 4000 && in.lastMessageCheck == 1234567890 && in.refreshRate == 600
+                && !in.switchInternetOnStart && in.switchInternetOnExit && !in.startOnLogin);
+    // Only the message time: the rest of the file stays as it was, and private.
+    const QByteArray text = readFile(config);
+    ASSERT_EQ(::chmod(QFile::encodeName(config).constData(), 0644), 0);
+    in.address = "other.example.net", in.port = 1, in.lastMessageCheck = 2000;
+    ASSERT_TRUE(in._save(false));
+    EXPECT_EQ(mode(config), 0600);
+    EXPECT_EQ(readFile(config), QByteArray(text).replace("=1234567890", "=2000"));
+
+    // A complete file with one piece replaced: loaded or not; address, web address, password, port,
+    // refresh, message time. 8c9a9c8d9a8b is the stored form of "secret".
+    const QByteArray good = "[network]\naddress=b.net\nlogin=ivan\npassword=8c9a9c8d9a8b\nport=11759\n"
+                            "web_server_address=w.net:8443\n[other]\nrefresh_rate=300\nswitch_internet_on_start=1\n"
+                            "switch_internet_on_exit=0\nstart_on_login=1\n[messages]\nlast_message_check=1000\n";
     const char* cases[][3] = {
         {"\n", "\n", "ok b.net|w.net:8443|secret|11759|300|1000"},
         {"refresh_rate=300", "refresh_rate=30", "ok b.net|w.net:8443|secret|11759|120|1000"},
@@ -101,36 +112,12 @@ TEST_F(StorageTest, ConfigLoadTakesTheValuesInTurnUntilTheFirstMissingOrInvalidO
         {"port=11759", "port=http", "no b.net||secret|11758|120|0"},
         {"start_on_login=1", "start_on_login=true", "no b.net|w.net:8443|secret|11759|300|0"}};
     for (const auto& [from, to, expected] : cases) {
-        writeFile(config, QByteArray(goodConfig).replace(from, to));
+        writeFile(config, QByteArray(good).replace(from, to));
         Config<QString> cfg;
         const QString result = cfg._load() ? "ok" : "no";
         EXPECT_EQ(QString("%1 %2|%3|%4|%5|%6|%7").arg(result, cfg.address, cfg.webServerAddress, cfg.password)
                       .arg(cfg.port).arg(cfg.refreshRate).arg(cfg.lastMessageCheck), expected) << from << " -> " << to;
     }
-}
-
-TEST_F(StorageTest, ConfigRoundTripsAndSavingOnlyTheMessageTimeKeepsTheRest)
-{
-    Config<QString> out;
-    out.address = "10.0.0.1", out.webServerAddress = "stats.example.net, 2nd floor", out.port = 4000;
-    out.login = QString::fromUtf8("иван_petrov"), out.password = QString::fromUtf8("пароль € \"x\" ;#=");
-    out.lastMessageCheck = 1234567890, out.switchInternetOnExit = true, out.refreshRate = 600;
-    ASSERT_TRUE(out._save(true)); // the configuration folder does not exist yet
-    EXPECT_EQ(mode(config), 0600);
-    Config<QString> in;
-    ASSERT_TRUE(in._load());
-    EXPECT_EQ(QStringList({in.address, in.webServerAddress, in.login, in.password}),
-              QStringList({out.address, out.webServerAddress, out.login, out.password}));
-    EXPECT_TRUE(in.port == 4000 && in.lastMessageCheck == 1234567890 && in.refreshRate == 600
-                && !in.switchInternetOnStart && in.switchInternetOnExit && !in.startOnLogin);
-
-    // Only the message time: the rest of the file stays as it was, and private.
-    const QByteArray text = readFile(config);
-    ASSERT_EQ(::chmod(QFile::encodeName(config).constData(), 0644), 0);
-    in.address = "other.example.net", in.port = 1, in.lastMessageCheck = 2000;
-    ASSERT_TRUE(in._save(false));
-    EXPECT_EQ(mode(config), 0600);
-    EXPECT_EQ(readFile(config), QByteArray(text).replace("=1234567890", "=2000"));
 }
 
 TEST_F(StorageTest, MessageFileHoldsLengthPrefixedRecordsAndIsNeverLeftHalfWritten)
@@ -201,8 +188,6 @@ TEST_F(StorageTest, ReadingAgainTakesWhateverTheFileNowHoldsAndKeepsTheListWhenI
     EXPECT_TRUE(store.empty());
 }
 
-namespace {
-
 QByteArray execLine(const QString& path)
 {
     for (const QByteArray& line : readFile(path).split('\n'))
@@ -222,8 +207,6 @@ protected:
     const QString entry = dir.filePath("config/autostart/zel5_tray.desktop");
     const QString program = QStringLiteral("/usr/bin/zel5_tray");
 };
-
-} // namespace
 
 TEST_F(AutostartTest, EnabledWritesTheEntryAndDisabledRemovesIt)
 {
@@ -284,8 +267,6 @@ TEST_F(AutostartTest, ExecQuotesAndEscapesAPathSoThatTheLauncherGetsItWhole)
         EXPECT_TRUE(AutostartEntry::execValue(QStringLiteral("/opt/a%1b").arg(c)).startsWith(u'"')) << int(c.unicode());
 }
 
-namespace {
-
 constexpr qint64 Day = 86400;
 constexpr qint64 Now = 1700000000;
 
@@ -310,8 +291,6 @@ class BalanceHistoryTest : public StorageTest {
 protected:
     const QString path = dir.filePath("data/zel5_tray/balance_history");
 };
-
-} // namespace
 
 TEST_F(BalanceHistoryTest, EachChangeIsRecordedOnceAndSurvivesAReload)
 {
@@ -435,3 +414,5 @@ TEST_F(BalanceHistoryTest, AForecastNeedsSevenDaysOfFallingBalanceSinceTheLastPa
         EXPECT_EQ(history.daysLeft(Now), days) << name;
     }
 }
+
+} // namespace

@@ -13,7 +13,6 @@
 
 namespace {
 
-constexpr qint64 Day = 86400;
 constexpr double MiB = 1048576.0;
 
 long long mib(double n) { return static_cast<long long>(n * MiB); }
@@ -117,24 +116,6 @@ TEST_F(OverviewTest, EachServiceHasItsChartAndNoReportSaysSo)
     w.setState(none);
     EXPECT_TRUE(w.trafficCharts().isEmpty());
     EXPECT_EQ(label("noTraffic")->isHidden() ? "(hidden)" : label("noTraffic")->text(), "No traffic report yet");
-}
-
-TEST_F(OverviewTest, TheBalanceChartAndForecastNeedAHistory)
-{
-    AccountOverview::State s = state(true, true);
-    s.history = nullptr;
-    w.setState(s);
-    EXPECT_TRUE(w.balanceChart()->isHidden());
-    EXPECT_FALSE(label("noHistory")->isHidden());
-
-    history.record(now - 200 * Day, 900); // outside the chart's 90 days
-    for (int day = 7; day >= 0; --day) // 70 down in 7 days, 20 left
-        history.record(now - day * Day, 20 + 10 * day);
-    w.setState(state(true, true));
-    EXPECT_FALSE(w.balanceChart()->isHidden());
-    EXPECT_EQ(w.balanceChart()->samples().size(), 8);
-    EXPECT_TRUE(label("noHistory")->isHidden());
-    EXPECT_EQ(w.forecastText(), "At this rate the balance lasts about 2 days");
 }
 
 // The window is the controller's for the whole run: closing it, either way, must not delete it.
