@@ -81,18 +81,24 @@ bool WaybarFollower::followTray(int& code)
         if (!known && !TrayBackend::running(bus))
             return false;
         const Failure why = !known ? tray.failure() : state.online ? Failure() : TrayBackend::offlineFailure();
-        if (!show(state, why.message))
+        if (shownLast(state, why, code))
             return true;
-        if (once) {
-            code = why.failed() ? Console::fail(why) : 0;
-            return true;
-        }
         // The signal tells of every change; reading again each refresh
         // period also covers a signal lost on the way.
         wait(refreshMs);
         if (presenceChanged)
             return false;
     }
+}
+
+bool WaybarFollower::shownLast(const AccountState& state, const Failure& why, int& code)
+{
+    if (!show(state, why.message))
+        return true; // nobody reads any more
+    if (!once)
+        return false;
+    code = why.failed() ? Console::fail(why) : 0;
+    return true;
 }
 
 bool WaybarFollower::followDirect(int& code)
@@ -107,12 +113,8 @@ bool WaybarFollower::followDirect(int& code)
             why = state.online ? Failure() : session->failure();
         else if (session)
             why = session->failure();
-        if (!show(state, why.message))
+        if (shownLast(state, why, code))
             return true;
-        if (once) {
-            code = why.failed() ? Console::fail(why) : 0;
-            return true;
-        }
         wait(refreshMs);
         // A tray that appeared takes over; the session is dropped with
         // `session`. Settings that were incomplete are read again.

@@ -8,6 +8,7 @@
 
 #include "accountstate.h"
 #include "barline.h"
+#include "failure.h"
 
 #include <QDBusConnection>
 #include <QDBusServiceWatcher>
@@ -31,6 +32,9 @@ private:
     // Prints the line for `state` unless it is the last one printed; false
     // when standard output is gone.
     bool show(const AccountState& state, const QString& offlineReason);
+    // Shows the line; true when following ends with it (--once, in `code`,
+    // or standard output gone).
+    bool shownLast(const AccountState& state, const Failure& why, int& code);
     // Waits at most ms for a change of the tray's state or presence.
     void wait(int ms);
     void wake(bool presence);
